@@ -1,0 +1,10 @@
+# GLIMMET_SANITIZE=address builds with ASan+UBSan, =thread with TSan.
+if(GLIMMET_SANITIZE STREQUAL "address")
+    add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+    add_link_options(-fsanitize=address,undefined)
+elseif(GLIMMET_SANITIZE STREQUAL "thread")
+    add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=thread)
+elseif(NOT GLIMMET_SANITIZE STREQUAL "")
+    message(FATAL_ERROR "GLIMMET_SANITIZE must be empty, 'address' or 'thread'")
+endif()

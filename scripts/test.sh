@@ -1,0 +1,9 @@
+#!/usr/bin/env bash
+# Installs what the tests need, builds, and runs every test.
+# Usage: scripts/test.sh [dev|asan|tsan]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+preset=${1:-dev}
+scripts/install-deps.sh
+scripts/build.sh "$preset"
+ctest --preset "$preset" -j"$(nproc)"

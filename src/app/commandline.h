@@ -1,0 +1,21 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+// The one-shot modes and switches orvane understands.
+struct CommandLine {
+    bool printConfig = false;
+    bool show = false;
+    QString query; // --query TEXT
+    bool hasQuery = false;
+    QStringList unknown;
+
+    static CommandLine parse(const QStringList& arguments);
+    // True when the mode prints and exits, so no display is needed.
+    bool isOneShot() const { return printConfig || hasQuery; }
+};
+
+// The lines of --print-config: catalog server, API base, and whether a cloud API is set.
+QStringList configReport();

@@ -1,0 +1,57 @@
+// SPDX-License-Identifier: MIT
+#include <QHash>
+#include <QProcess>
+#include <gtest/gtest.h>
+
+namespace {
+
+struct OrvaneRun {
+    int exitCode = -1;
+    QString out;
+    QString err;
+};
+
+// Runs orvane with only the given MEME_* variables set, and no display.
+OrvaneRun orvane(const QStringList& args, const QHash<QString, QString>& memeVars) {
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    for (const QString& name : env.keys())
+        if (name.startsWith(QLatin1String("MEME_")))
+            env.remove(name);
+    env.remove(QStringLiteral("DISPLAY"));
+    env.remove(QStringLiteral("WAYLAND_DISPLAY"));
+    env.remove(QStringLiteral("QT_QPA_PLATFORM"));
+    for (auto it = memeVars.begin(); it != memeVars.end(); ++it)
+        env.insert(it.key(), it.value());
+    QProcess p;
+    p.setProcessEnvironment(env);
+    p.start(QStringLiteral(ORVANE_BINARY), args);
+    if (!p.waitForFinished(30000))
+        return {};
+    return {p.exitCode(), QString::fromUtf8(p.readAllStandardOutput()),
+            QString::fromUtf8(p.readAllStandardError())};
+}
+
+} // namespace
+
+TEST(PrintConfig, PrintsTheThreeLinesForEachConfiguration) {
+    const QStringList args{QStringLiteral("--print-config")};
+    OrvaneRun r = orvane(args, {});
+    EXPECT_EQ(r.exitCode, 0) << r.err.toStdString();
+    EXPECT_EQ(r.out, QStringLiteral("files: http://127.0.0.1:8787\napi: http://127.0.0.1:8787\n"
+                                    "cloud api: false\n"));
+
+    r = orvane(args, {{QStringLiteral("MEME_SERVER"), QStringLiteral("http://10.1.2.3:9000/cat")}});
+    EXPECT_EQ(r.out, QStringLiteral("files: http://10.1.2.3:9000/cat\napi: http://10.1.2.3:9000/cat\n"
+                                    "cloud api: false\n"));
+
+    r = orvane(args, {{QStringLiteral("MEME_API"), QStringLiteral("https://api.example.org")}});
+    EXPECT_EQ(r.out, QStringLiteral("files: http://127.0.0.1:8787\napi: https://api.example.org\n"
+                                    "cloud api: true\n"));
+}
+
+TEST(PrintConfig, EmptyServerVariableIsFatalWithAClearLine) {
+    const OrvaneRun r = orvane({QStringLiteral("--print-config")}, {{QStringLiteral("MEME_SERVER"), QString()}});
+    EXPECT_NE(r.exitCode, 0);
+    EXPECT_TRUE(r.out.isEmpty()) << r.out.toStdString();
+    EXPECT_EQ(r.err, QStringLiteral("orvane: configuration error: MEME_SERVER is not a valid URL: \"\"\n"));
+}

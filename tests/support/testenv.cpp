@@ -1,0 +1,43 @@
+// SPDX-License-Identifier: MIT
+#include "support/testenv.h"
+
+#include <QDir>
+#include <QFile>
+#include <QUuid>
+
+namespace TestEnv {
+
+QString freshDir() {
+    const QString path = qEnvironmentVariable("GLIMMET_TEST_ROOT") + QLatin1Char('/') +
+                         QUuid::createUuid().toString(QUuid::Id128);
+    QDir().mkpath(path);
+    return path;
+}
+
+std::shared_ptr<SettingsStore> installConfig(QHash<QString, QString> environment,
+                                             QHash<QString, QString> infoKeys,
+                                             QString settingsPath) {
+    if (settingsPath.isEmpty())
+        settingsPath = freshDir() + QStringLiteral("/settings.json");
+    ConfigSources sources;
+    sources.environment = std::move(environment);
+    sources.infoKeys = std::move(infoKeys);
+    sources.settings = std::make_shared<SettingsStore>(settingsPath);
+    auto store = sources.settings;
+    DebugFlags::installSources(std::move(sources));
+    return store;
+}
+
+QByteArray readFile(const QString& path) {
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+void writeFile(const QString& path, const QByteArray& bytes) {
+    QDir().mkpath(path.section(QLatin1Char('/'), 0, -2));
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    file.write(bytes);
+}
+
+} // namespace TestEnv

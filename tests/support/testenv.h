@@ -1,0 +1,20 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "catalog/debugflags.h"
+
+#include <QHash>
+#include <QString>
+#include <gtest/gtest.h>
+
+namespace TestEnv {
+// A fresh folder below the process's temporary root, removed with the process.
+QString freshDir();
+// Installs configuration sources with this environment and build keys, and a settings store
+// at `settingsPath` (a fresh file when empty). Returns the store.
+std::shared_ptr<SettingsStore> installConfig(QHash<QString, QString> environment = {},
+                                             QHash<QString, QString> infoKeys = {},
+                                             QString settingsPath = {});
+QByteArray readFile(const QString& path);
+void writeFile(const QString& path, const QByteArray& bytes);
+} // namespace TestEnv
