@@ -228,7 +228,9 @@ ordered_json encode(const CollectionInfo& c) {
     return o;
 }
 
-QByteArray encodeMeme(const Meme& meme) { return dump(encode(meme)); }
+QByteArray encodeMeme(const Meme& meme) {
+    return dump(encode(meme));
+}
 
 QByteArray encodeMemes(const MemeList& memes) {
     ordered_json array = ordered_json::array();

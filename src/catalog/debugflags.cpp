@@ -44,8 +44,10 @@ std::optional<QString> info(const char* key) {
 
 QUrl parseURL(const QString& text, const char* source) {
     const QUrl url(text, QUrl::StrictMode);
-    const bool isWeb = url.scheme() == QLatin1String("http") || url.scheme() == QLatin1String("https");
-    if (text.isEmpty() || !url.isValid() || url.scheme().isEmpty() || (isWeb && url.host().isEmpty()))
+    const bool isWeb =
+        url.scheme() == QLatin1String("http") || url.scheme() == QLatin1String("https");
+    if (text.isEmpty() || !url.isValid() || url.scheme().isEmpty() ||
+        (isWeb && url.host().isEmpty()))
         fatal(QStringLiteral("%1 is not a valid URL: \"%2\"").arg(QLatin1String(source), text));
     return url;
 }
@@ -77,8 +79,8 @@ ConfigSources ConfigSources::fromProcess() {
     for (const auto& [key, value] : keys)
         if (*value)
             s.infoKeys.insert(QLatin1String(key), QString::fromUtf8(value));
-    s.settings = std::make_shared<SettingsStore>(AppPaths::configDir() +
-                                                 QStringLiteral("/settings.json"));
+    s.settings =
+        std::make_shared<SettingsStore>(AppPaths::configDir() + QStringLiteral("/settings.json"));
     return s;
 }
 
@@ -87,7 +89,9 @@ void DebugFlags::installSources(ConfigSources s) {
     currentSources = std::make_shared<const ConfigSources>(std::move(s));
 }
 
-SettingsStore& DebugFlags::settings() { return *sources()->settings; }
+SettingsStore& DebugFlags::settings() {
+    return *sources()->settings;
+}
 
 QUrl DebugFlags::serverURL() {
     if (const auto v = env("MEME_SERVER"))
@@ -105,7 +109,9 @@ QUrl DebugFlags::apiURL() {
     return QUrl(serverURL().toString(QUrl::FullyEncoded));
 }
 
-bool DebugFlags::hasCloudAPI() { return env("MEME_API") || info("MemeAPIBase"); }
+bool DebugFlags::hasCloudAPI() {
+    return env("MEME_API") || info("MemeAPIBase");
+}
 
 std::optional<QString> DebugFlags::appKey() {
     if (const auto v = env("MEME_APP_KEY"))
@@ -190,4 +196,6 @@ DebugFlagsNotifier* DebugFlags::notifier() {
     return instance;
 }
 
-void DebugFlags::postDidChange() { emit notifier()->didChange(); }
+void DebugFlags::postDidChange() {
+    emit notifier()->didChange();
+}

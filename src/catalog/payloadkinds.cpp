@@ -7,9 +7,13 @@ namespace {
 constexpr std::array<const char*, 4> pasteNames = {"pngOnly", "pngTiff", "fileURLPng", "jpegOnly"};
 }
 
-QString rawValue(DragPayload payload) { return QString(QChar(u'a' + int(payload))); }
+QString rawValue(DragPayload payload) {
+    return QString(QChar(u'a' + int(payload)));
+}
 
-QString rawValue(PastePayload payload) { return QString::fromLatin1(pasteNames[size_t(payload)]); }
+QString rawValue(PastePayload payload) {
+    return QString::fromLatin1(pasteNames[size_t(payload)]);
+}
 
 DragPayload dragPayloadFromRaw(const std::optional<QString>& raw) {
     if (raw == QLatin1String("a"))

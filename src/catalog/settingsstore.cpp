@@ -28,7 +28,9 @@ std::optional<json> SettingsStore::value(const QString& key) const {
     return *it;
 }
 
-bool SettingsStore::contains(const QString& key) const { return value(key).has_value(); }
+bool SettingsStore::contains(const QString& key) const {
+    return value(key).has_value();
+}
 
 std::optional<std::int64_t> SettingsStore::integer(const QString& key) const {
     const auto v = value(key);

@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <optional>
+
+// Re-encodings of cached full images for the paste and drag payloads. They block on the disk
+// and the decoder, so call them off the GUI thread. The source format is sniffed from the
+// content: the cache stores non-PNG images under ".img".
+namespace ImageConversion {
+// Writes a PNG rendering of `source` to `target` atomically; false when `source` does not
+// decode or `target` cannot be written. Suits MemeStore::Options::convertToPNG.
+bool makePNG(const QString& source, const QString& target);
+// The TIFF encoding of `source`, or nothing when it does not decode.
+std::optional<QByteArray> tiffData(const QString& source);
+} // namespace ImageConversion

@@ -1,0 +1,249 @@
+// SPDX-License-Identifier: MIT
+#include "catalog/memestore.h"
+#include "imagecachetestkit.h"
+
+#include <QDir>
+#include <QFileInfo>
+
+namespace {
+const QByteArray body(12000, 'x');
+
+using Answer = FaultyImageServer::Answer;
+
+Answer held() {
+    return Answer::of(body).heldBack();
+}
+} // namespace
+
+TEST(MemeStore, CacheFileIsNamedByTheBareFileNameAndCountsOnlyWhenWhole) {
+    ImageCacheRig rig;
+    MemeStore store(rig.options());
+    const QString dir = store.cacheDir() + QLatin1Char('/');
+    EXPECT_EQ(store.fullFileURL(imageItem("p", "a/b/Cat.PNG")).toLocalFile(), dir + "Cat.png");
+    EXPECT_EQ(store.fullFileURL(imageItem("g", "a/b/Cat.gif")).toLocalFile(), dir + "Cat.img");
+    EXPECT_EQ(store.pngFileURL(imageItem("g", "a/b/Cat.gif")).toLocalFile(), dir + "Cat.png");
+    EXPECT_EQ(store.fullFileURL(imageItem("x", "x/Dog.jpg")),
+              store.fullFileURL(imageItem("y", "y/z/Dog.jpg")));
+
+    TestEnv::writeFile(dir + "Dog.img", QByteArray());
+    EXPECT_FALSE(store.cachedFullURL(imageItem("x", "x/Dog.jpg"))) << "empty file";
+    TestEnv::writeFile(dir + "Dog.img", "12345");
+    EXPECT_TRUE(store.cachedFullURL(imageItem("x", "x/Dog.jpg", 5)));
+    EXPECT_FALSE(store.cachedFullURL(imageItem("x", "x/Dog.jpg", 6))) << "truncated";
+    EXPECT_TRUE(store.cachedFullURL(imageItem("x", "x/Dog.jpg", 0))) << "size unknown";
+}
+
+TEST(MemeStore, EnsureFullAdoptsARunningPrefetchAndCancelsTheOthers) {
+    ImageCacheRig rig;
+    rig.server.put("f/a.jpg", held());
+    rig.server.put("f/b.jpg", held());
+    MemeStore store(rig.options());
+    const Meme a = imageItem("a", "f/a.jpg", body.size());
+    const Meme b = imageItem("b", "f/b.jpg", body.size());
+
+    store.prefetch({b});
+    store.prefetch({a, b}); // b keeps running; the selected a starts beside it
+    EXPECT_EQ(store.inFlightCount(), 2);
+    ASSERT_TRUE(eventually([&] {
+        return rig.server.requests("f/a.jpg") == 1 && rig.server.requests("f/b.jpg") == 1;
+    }));
+
+    std::optional<std::optional<QUrl>> got;
+    store.ensureFull(a, [&](std::optional<QUrl> file) { got = file; });
+    EXPECT_TRUE(store.isDemanded(a));
+    ASSERT_TRUE(eventually([&] { return !store.isInFlight(b); })) << "b pre-empted";
+    rig.server.release("f/a.jpg");
+    ASSERT_TRUE(eventually([&] { return got.has_value(); }));
+    ASSERT_TRUE(*got);
+    EXPECT_EQ(TestEnv::readFile(got->value().toLocalFile()), body);
+    EXPECT_EQ(rig.server.requests("f/a.jpg"), 1) << "adopted, not restarted";
+
+    // The cancelled prefetch left no failure behind: the wish list starts it again.
+    rig.server.release("f/b.jpg");
+    ASSERT_TRUE(eventually([&] { return store.cachedFullURL(b).has_value(); }));
+    EXPECT_EQ(rig.server.requests("f/b.jpg"), 2);
+
+    const auto waits = rig.events("download_wait");
+    ASSERT_EQ(waits.size(), 1u);
+    EXPECT_EQ(waits[0]["id"], "a");
+    EXPECT_EQ(waits[0]["ok"], true);
+    EXPECT_TRUE(waits[0]["ms"].is_number());
+}
+
+TEST(MemeStore, PrefetchStartsTheSelectedItemAndOneMore) {
+    ImageCacheRig rig;
+    for (const char* path : {"f/a.jpg", "f/b.jpg", "f/c.jpg", "f/d.jpg"})
+        rig.server.put(path, held());
+    MemeStore store(rig.options());
+    const Meme a = imageItem("a", "f/a.jpg"), b = imageItem("b", "f/b.jpg"),
+               c = imageItem("c", "f/c.jpg"), d = imageItem("d", "f/d.jpg");
+
+    store.prefetch({a, b, c});
+    EXPECT_TRUE(store.isInFlight(a));
+    EXPECT_FALSE(store.isInFlight(b)) << "position 1 has one slot, and a holds it";
+    rig.server.release("f/a.jpg");
+    ASSERT_TRUE(eventually([&] { return store.isInFlight(b); }));
+    EXPECT_FALSE(store.isInFlight(c));
+
+    // Moving on drops what left the list and starts the new selection.
+    store.prefetch({d});
+    EXPECT_TRUE(store.isInFlight(d));
+    ASSERT_TRUE(eventually([&] { return !store.isInFlight(b); }));
+    EXPECT_FALSE(store.isInFlight(c));
+}
+
+TEST(MemeStore, FailedKeyWaitsOutTheBackoffButNotTheUser) {
+    ImageCacheRig rig;
+    rig.server.put("f/a.jpg", Answer::of({}, 404));
+    MemeStore store(rig.options());
+    const Meme a = imageItem("a", "f/a.jpg");
+
+    store.prefetch({a});
+    ASSERT_TRUE(eventually([&] { return !store.isInFlight(a); }));
+    EXPECT_EQ(rig.server.requests("f/a.jpg"), 1) << "a prefetch is not retried";
+
+    rig.advance(10'000);
+    store.prefetch({a});
+    EXPECT_FALSE(store.isInFlight(a));
+    rig.advance(20'000); // exactly 30 s
+    store.prefetch({a});
+    EXPECT_FALSE(store.isInFlight(a));
+    rig.advance(1);
+    store.prefetch({a});
+    EXPECT_TRUE(store.isInFlight(a));
+    ASSERT_TRUE(eventually([&] { return !store.isInFlight(a); }));
+
+    // Inside the back-off again, yet the user's request goes out, and is retried once.
+    EXPECT_FALSE(fetchFull(store, a));
+    EXPECT_EQ(rig.server.requests("f/a.jpg"), 4);
+}
+
+TEST(MemeStore, DemandedDownloadIsRetriedExactlyOnce) {
+    ImageCacheRig rig;
+    rig.server.put("f/flaky.jpg", Answer::of(body).failingFirst(1));
+    rig.server.put("f/down.jpg", Answer::of(body).failingFirst(99));
+    MemeStore store(rig.options());
+
+    EXPECT_TRUE(fetchFull(store, imageItem("flaky", "f/flaky.jpg", body.size())));
+    EXPECT_EQ(rig.server.requests("f/flaky.jpg"), 2);
+    EXPECT_FALSE(fetchFull(store, imageItem("down", "f/down.jpg")));
+    EXPECT_EQ(rig.server.requests("f/down.jpg"), 2);
+    const auto waits = rig.events("download_wait");
+    ASSERT_EQ(waits.size(), 2u) << "one wait per request of the user, retries included";
+    EXPECT_EQ(waits[1]["ok"], false);
+}
+
+TEST(MemeStore, TruncatedFullImageIsNeverServed) {
+    ImageCacheRig rig;
+    rig.server.put("f/cut.jpg", Answer::of(body).cutAt(5000));
+    rig.server.put("f/short.jpg", Answer::of(body.left(5000)));
+    rig.server.put("f/whole.jpg", Answer::of(body));
+    MemeStore store(rig.options());
+
+    const Meme cut = imageItem("cut", "f/cut.jpg", body.size());
+    EXPECT_FALSE(fetchFull(store, cut)) << "connection dropped mid-body";
+    EXPECT_FALSE(QFileInfo::exists(store.fullFileURL(cut).toLocalFile()));
+
+    const Meme shortened = imageItem("short", "f/short.jpg", body.size());
+    EXPECT_FALSE(fetchFull(store, shortened)) << "a whole answer of the wrong size";
+    EXPECT_FALSE(store.cachedFullURL(shortened));
+
+    // A short file left on disk is a miss, and the next request replaces it.
+    const Meme whole = imageItem("whole", "f/whole.jpg", body.size());
+    TestEnv::writeFile(store.fullFileURL(whole).toLocalFile(), body.left(100));
+    EXPECT_FALSE(store.cachedFullURL(whole));
+    const auto file = fetchFull(store, whole);
+    ASSERT_TRUE(file);
+    EXPECT_EQ(TestEnv::readFile(file->toLocalFile()), body);
+}
+
+TEST(MemeStore, RemoteItemsCannotReachLocalFiles) {
+    ImageCacheRig rig;
+    MemeStore store(rig.options());
+    const QString secret = rig.root + QStringLiteral("/secret.png");
+    TestEnv::writeFile(secret, "private");
+    const QString secretURL = QUrl::fromLocalFile(secret).toString();
+
+    const Meme fromServer = imageItem("m1", secretURL);
+    const Meme posingAsMine = imageItem("g_1", secretURL);
+    const Meme escaping = imageItem("m2", "../../etc/passwd");
+    rig.server.put("f/redirected.png", Answer::redirectTo(secretURL.toUtf8()));
+    const Meme redirected = imageItem("m3", "f/redirected.png");
+    for (const Meme& m : {fromServer, posingAsMine, escaping, redirected}) {
+        EXPECT_FALSE(store.cachedFullURL(m)) << m.full.toStdString();
+        EXPECT_FALSE(fetchFull(store, m)) << m.full.toStdString();
+    }
+    store.prefetch({fromServer, posingAsMine, escaping});
+    EXPECT_EQ(store.inFlightCount(), 0);
+
+    // Registered by the local library, the same item is honoured; a server copy of its id
+    // with another thumbnail is not.
+    store.setLocalItems(QStringLiteral("mine"), {posingAsMine});
+    EXPECT_EQ(store.cachedFullURL(posingAsMine), QUrl::fromLocalFile(secret));
+    Meme lookalike = posingAsMine;
+    lookalike.thumb = QStringLiteral("t/funny.png");
+    EXPECT_FALSE(store.cachedFullURL(lookalike));
+
+    const QDateTime longAgo = QDateTime::fromSecsSinceEpoch(1'000'000'000);
+    {
+        QFile file(secret);
+        ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+        ASSERT_TRUE(file.setFileTime(longAgo, QFileDevice::FileModificationTime));
+    }
+    store.touch(posingAsMine);
+    EXPECT_EQ(QFileInfo(secret).lastModified(), longAgo) << "the user's own file keeps its dates";
+}
+
+TEST(MemeStore, TrimEvictsOldestButSparesRecentFiles) {
+    ImageCacheRig rig;
+    MemeStore store(rig.options());
+    const QString dir = store.cacheDir() + QLatin1Char('/');
+    const QDateTime now = store.now();
+    const auto age = [&](const QString& name, int seconds) {
+        TestEnv::writeFile(dir + name, QByteArray(1000, 'x'));
+        QFile file(dir + name);
+        ASSERT_TRUE(file.open(QIODevice::ReadOnly));
+        file.setFileTime(now.addSecs(-seconds), QFileDevice::FileModificationTime);
+    };
+    age("oldest.img", 3600);
+    age("older.img", 1800);
+    age("old.img", 600);
+    age("recent.img", 100);
+
+    store.trimDir(store.cacheDir(), 2500);
+    store.waitForBackgroundWork();
+    EXPECT_EQ(QDir(dir).entryList(QDir::Files), QStringList({"old.img", "recent.img"}));
+
+    // Touched in use, an old file becomes recent; nothing recent is deleted even over budget.
+    store.touch(imageItem("old", "f/old.jpg"));
+    store.trimDir(store.cacheDir(), 0);
+    store.waitForBackgroundWork();
+    EXPECT_EQ(QDir(dir).entryList(QDir::Files).size(), 2);
+    const auto trims = rig.events("cache_trimmed");
+    ASSERT_EQ(trims.size(), 2u);
+    EXPECT_EQ(trims[0]["dir"], "full");
+    EXPECT_EQ(trims[1]["bytes_after"], 2000);
+    EXPECT_EQ(trims[1]["cap"], 0);
+}
+
+TEST(MemeStore, EveryTwentyFifthDownloadTrimsToTheCacheSetting) {
+    ImageCacheRig rig;
+    TestEnv::installConfig()->set(QStringLiteral("cacheMB"), 0);
+    for (int i = 0; i < 25; ++i)
+        rig.server.put(QStringLiteral("f/%1.png").arg(i), Answer::of(body));
+    // An hour ahead, every download is old enough to go.
+    rig.advance(3'600'000);
+    MemeStore store(rig.options());
+    for (int i = 0; i < 24; ++i)
+        ASSERT_TRUE(
+            fetchFull(store, imageItem(QString::number(i), QStringLiteral("f/%1.png").arg(i))));
+    store.waitForBackgroundWork();
+    EXPECT_TRUE(rig.events("cache_trimmed").empty());
+
+    ASSERT_TRUE(fetchFull(store, imageItem("24", "f/24.png")));
+    store.waitForBackgroundWork();
+    const auto trims = rig.events("cache_trimmed");
+    ASSERT_EQ(trims.size(), 1u);
+    EXPECT_EQ(trims[0]["cap"], 0);
+    EXPECT_EQ(trims[0]["bytes_after"], 0);
+}
