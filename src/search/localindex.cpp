@@ -1,0 +1,432 @@
+// SPDX-License-Identifier: MIT
+#include "search/localindex.h"
+
+#include "base/apppaths.h"
+#include "base/logcategories.h"
+#include "search/ftsmirror.h"
+#include "search/ftstokenizer.h"
+#include "search/textfold.h"
+
+#include <QFileInfo>
+#include <condition_variable>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <sqlite3.h>
+#include <thread>
+
+namespace {
+
+const char* const setupStatements[] = {
+    "PRAGMA journal_mode=WAL",
+    "PRAGMA synchronous=NORMAL",
+    "CREATE TABLE IF NOT EXISTS memes(id TEXT PRIMARY KEY, json BLOB NOT NULL)",
+    "CREATE TABLE IF NOT EXISTS meta(k TEXT PRIMARY KEY, v TEXT)",
+    "CREATE VIRTUAL TABLE IF NOT EXISTS fts USING fts5(\n"
+    "  ocr_text, template, keywords, use_cases, emotions, description,\n"
+    "  id UNINDEXED, popularity UNINDEXED,\n"
+    "  tokenize='unicode61 remove_diacritics 2', prefix='1 2 3')",
+};
+
+// Enough pending index data for about 30,000 items before FTS5 writes a segment.
+constexpr int ftsHashBytes = 64 * 1024 * 1024;
+
+const char* const searchStatement =
+    "SELECT id FROM fts WHERE fts MATCH ?1\n"
+    "ORDER BY bm25(fts, 5, 4, 3, 3, 2, 1, 0, 0), CAST(popularity AS INTEGER) DESC LIMIT ?2";
+
+void logFailure(sqlite3* db, const QString& sql) {
+    qCWarning(lcIndex).noquote() << QStringLiteral("sqlite: ") +
+                                        QString::fromUtf8(sqlite3_errmsg(db)) +
+                                        QStringLiteral(" in ") + sql.left(60);
+}
+
+// Finalises on every path out of a scope.
+class Statement {
+public:
+    Statement(sqlite3* db, const QString& sql) {
+        const QByteArray utf8 = sql.toUtf8();
+        if (sqlite3_prepare_v2(db, utf8.constData(), int(utf8.size()), &m_stmt, nullptr) !=
+            SQLITE_OK)
+            logFailure(db, sql);
+    }
+    ~Statement() { sqlite3_finalize(m_stmt); }
+    Statement(const Statement&) = delete;
+    Statement& operator=(const Statement&) = delete;
+    explicit operator bool() const { return m_stmt != nullptr; }
+    sqlite3_stmt* get() const { return m_stmt; }
+
+private:
+    sqlite3_stmt* m_stmt = nullptr;
+};
+
+void bindText(sqlite3_stmt* stmt, int index, const QString& text) {
+    const QByteArray utf8 = text.toUtf8();
+    sqlite3_bind_text(stmt, index, utf8.constData(), int(utf8.size()), SQLITE_TRANSIENT);
+}
+
+QString joined(const QStringList& list) {
+    return list.join(QLatin1Char(' '));
+}
+
+std::string_view columnText(sqlite3_stmt* stmt, int column) {
+    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(stmt, column));
+    return text ? std::string_view(text, std::size_t(sqlite3_column_bytes(stmt, column)))
+                : std::string_view();
+}
+
+} // namespace
+
+std::unique_ptr<LocalIndex> LocalIndex::open(const QString& path) {
+    AppPaths::ensureDir(QFileInfo(path).absolutePath()); // a failure shows in the open below
+    sqlite3* db = nullptr;
+    const QByteArray file = path.toUtf8();
+    if (sqlite3_open_v2(file.constData(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
+                        nullptr) != SQLITE_OK) {
+        sqlite3_close(db);
+        return nullptr;
+    }
+    std::unique_ptr<LocalIndex> index(new LocalIndex(db, path));
+    for (const char* sql : setupStatements)
+        index->exec(QString::fromUtf8(sql));
+    index->m_tokenizer = FtsTokenizer::create(db);
+    return index;
+}
+
+LocalIndex::LocalIndex(sqlite3* db, QString path) : m_db(db), m_path(std::move(path)) {}
+
+LocalIndex::~LocalIndex() {
+    if (m_checkpoint.joinable())
+        m_checkpoint.join();
+    m_mirror.reset();
+    m_tokenizer.reset();
+    sqlite3_close(m_db);
+}
+
+bool LocalIndex::exec(const QString& sql) {
+    // Whatever it wrote, the mirror is read again before it answers.
+    m_mirrorChanges = -1;
+    const QByteArray utf8 = sql.toUtf8();
+    char* error = nullptr;
+    if (sqlite3_exec(m_db, utf8.constData(), nullptr, nullptr, &error) == SQLITE_OK)
+        return true;
+    qCWarning(lcIndex).noquote() << QStringLiteral("sqlite: ") +
+                                        QString::fromUtf8(error ? error : sqlite3_errmsg(m_db)) +
+                                        QStringLiteral(" in ") + sql.left(60);
+    sqlite3_free(error);
+    return false;
+}
+
+std::optional<QString> LocalIndex::scalar(const QString& sql) {
+    const QByteArray utf8 = sql.toUtf8();
+    sqlite3_stmt* stmt = nullptr;
+    if (sqlite3_prepare_v2(m_db, utf8.constData(), int(utf8.size()), &stmt, nullptr) != SQLITE_OK) {
+        sqlite3_finalize(stmt);
+        return std::nullopt;
+    }
+    std::optional<QString> value;
+    if (sqlite3_step(stmt) == SQLITE_ROW && sqlite3_column_type(stmt, 0) != SQLITE_NULL)
+        value = QString::fromUtf8(reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0)),
+                                  sqlite3_column_bytes(stmt, 0));
+    sqlite3_finalize(stmt);
+    return value;
+}
+
+void LocalIndex::rebuild(const MemeList& memes, const QString& signature) {
+    std::lock_guard guard(m_lock);
+    // A second core encodes the JSON rows and builds the in-memory mirror while this thread
+    // feeds the fts table, which is the long pole.
+    std::vector<QByteArray> json(std::size_t(memes.size()));
+    std::mutex encodedLock;
+    std::condition_variable encodedSignal;
+    bool encoded = false;
+    std::unique_ptr<FtsMirror> mirror;
+    std::thread helper([&] {
+        for (qsizetype i = 0; i < memes.size(); ++i)
+            json[std::size_t(i)] = CatalogJson::encodeMeme(memes[i]);
+        {
+            std::lock_guard done(encodedLock);
+            encoded = true;
+        }
+        encodedSignal.notify_one();
+        if (m_tokenizer)
+            mirror = mirrorOf(memes, *m_tokenizer);
+    });
+
+    // The commit would copy the whole catalog from the log into the file and sync it before
+    // returning; a second connection does that afterwards instead.
+    exec(QStringLiteral("PRAGMA wal_autocheckpoint=0"));
+    exec(QStringLiteral("BEGIN"));
+    exec(QStringLiteral("DELETE FROM memes"));
+    bool ftsComplete = emptyFts();
+    // Pending index data is flushed to disk whenever it outgrows this, and every flush adds a
+    // segment that must be merged again; a catalog's worth fits in one.
+    exec(QStringLiteral("INSERT INTO fts(fts, rank) VALUES('hashsize', %1)").arg(ftsHashBytes));
+
+    const QString ftsInsert = QStringLiteral("INSERT INTO fts VALUES(?1,?2,?3,?4,?5,?6,?7,?8)");
+    {
+        Statement ftsRow(m_db, ftsInsert);
+        ftsComplete = ftsComplete && ftsRow;
+        for (const Meme& meme : memes) {
+            if (!ftsRow)
+                break;
+            const std::int64_t popularity = meme.popularity.value_or(0);
+            if (popularity < std::numeric_limits<std::int32_t>::min() ||
+                popularity > std::numeric_limits<std::int32_t>::max())
+                qFatal("LocalIndex::rebuild: popularity %lld of %s is outside 32 bits",
+                       static_cast<long long>(popularity), qUtf8Printable(meme.id));
+            sqlite3_stmt* stmt = ftsRow.get();
+            bindText(stmt, 1, meme.ocr_text);
+            bindText(stmt, 2, meme.template_);
+            bindText(stmt, 3, joined(meme.keywords));
+            bindText(stmt, 4, joined(meme.use_cases));
+            bindText(stmt, 5, joined(meme.emotions));
+            bindText(stmt, 6, meme.description);
+            bindText(stmt, 7, meme.id);
+            sqlite3_bind_int(stmt, 8, int(popularity));
+            if (sqlite3_step(stmt) != SQLITE_DONE) {
+                logFailure(m_db, ftsInsert);
+                ftsComplete = false;
+            }
+            sqlite3_reset(stmt);
+        }
+    }
+
+    const QString memeInsert = QStringLiteral("INSERT INTO memes(id, json) VALUES(?1, ?2)");
+    {
+        std::unique_lock wait(encodedLock);
+        encodedSignal.wait(wait, [&] { return encoded; });
+    }
+    {
+        Statement memeRow(m_db, memeInsert);
+        for (qsizetype i = 0; memeRow && i < memes.size(); ++i) {
+            // Encoding cannot fail (invalid text is replaced), so every item gets its row.
+            const QByteArray& bytes = json[std::size_t(i)];
+            bindText(memeRow.get(), 1, memes[i].id);
+            sqlite3_bind_blob(memeRow.get(), 2, bytes.constData(), int(bytes.size()),
+                              SQLITE_TRANSIENT);
+            if (sqlite3_step(memeRow.get()) != SQLITE_DONE)
+                logFailure(m_db, memeInsert);
+            sqlite3_reset(memeRow.get());
+        }
+    }
+    exec(QStringLiteral("INSERT OR REPLACE INTO meta(k, v) VALUES('sig', '") + signature +
+         QStringLiteral("')"));
+    exec(QStringLiteral("COMMIT"));
+    exec(QStringLiteral("PRAGMA wal_autocheckpoint=1000"));
+    checkpointInBackground();
+    helper.join();
+
+    // The mirror was read from the same text the table got; when any row went missing it is
+    // read back from the table instead, at the next search.
+    m_mirror.reset();
+    m_mirrorFailed = false;
+    m_mirrorChanges = -1;
+    if (ftsComplete && mirror) {
+        m_mirror = std::move(mirror);
+        m_mirrorChanges = sqlite3_total_changes64(m_db);
+        m_mirrorDataVersion = dataVersion();
+    }
+}
+
+void LocalIndex::checkpointInBackground() {
+    if (m_checkpoint.joinable())
+        m_checkpoint.join();
+    m_checkpoint = std::thread([file = m_path.toUtf8()] {
+        sqlite3* db = nullptr;
+        // PASSIVE neither waits for nor blocks the index's own connection; what it cannot
+        // copy now, a later checkpoint (at the latest on close) does.
+        if (sqlite3_open_v2(file.constData(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK)
+            sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+        sqlite3_close(db);
+    });
+}
+
+bool LocalIndex::emptyFts() {
+    // DELETE on an FTS5 table tokenises every old row again to record its removal, which
+    // costs as much as inserting it; dropping and recreating the table takes a moment, and
+    // leaves the same empty table.
+    if (exec(QStringLiteral("DROP TABLE IF EXISTS fts")) &&
+        exec(QString::fromUtf8(setupStatements[4])))
+        return true;
+    return exec(QStringLiteral("DELETE FROM fts"));
+}
+
+std::unique_ptr<FtsMirror> LocalIndex::mirrorOf(const MemeList& memes,
+                                                const FtsTokenizer& tokenizer) {
+    FtsMirror::Builder builder(tokenizer);
+    std::int64_t rowid = 0;
+    for (const Meme& meme : memes) {
+        const QByteArray fields[FtsMirror::columnCount] = {
+            meme.ocr_text.toUtf8(),         meme.template_.toUtf8(),
+            joined(meme.keywords).toUtf8(), joined(meme.use_cases).toUtf8(),
+            joined(meme.emotions).toUtf8(), meme.description.toUtf8()};
+        std::array<std::string_view, FtsMirror::columnCount> columns;
+        for (std::size_t c = 0; c < columns.size(); ++c)
+            columns[c] = std::string_view(fields[c].constData(), std::size_t(fields[c].size()));
+        // Rows of an emptied table take rowids in insertion order, which is all that counts.
+        if (!builder.addRow(++rowid, meme.id, std::int32_t(meme.popularity.value_or(0)), columns))
+            return nullptr;
+    }
+    return builder.finish();
+}
+
+std::optional<MemeList> LocalIndex::loadCached() {
+    std::lock_guard guard(m_lock);
+    MemeList memes;
+    {
+        Statement select(m_db, QStringLiteral("SELECT json FROM memes"));
+        if (!select)
+            return std::nullopt;
+        while (sqlite3_step(select.get()) == SQLITE_ROW) {
+            if (sqlite3_column_type(select.get(), 0) == SQLITE_NULL)
+                continue;
+            const auto* bytes = static_cast<const char*>(sqlite3_column_blob(select.get(), 0));
+            const int size = sqlite3_column_bytes(select.get(), 0);
+            const nlohmann::json doc =
+                nlohmann::json::parse(bytes, bytes + size, nullptr, /*allow_exceptions=*/false);
+            if (auto meme = CatalogJson::decodeMeme(doc))
+                memes.append(std::move(*meme));
+        }
+    }
+    if (memes.isEmpty())
+        return std::nullopt;
+    return memes;
+}
+
+QString LocalIndex::matchExpression(QStringView text) {
+    QStringList terms;
+    for (const QString& token : TextFold::tokens(text))
+        terms.append(QLatin1Char('"') + token + QStringLiteral("\"*"));
+    return terms.join(QLatin1Char(' '));
+}
+
+QStringList LocalIndex::search(const QString& text, int limit) {
+    const QStringList tokens = TextFold::tokens(text);
+    if (tokens.isEmpty())
+        return {};
+    std::lock_guard guard(m_lock);
+    ensureMirror();
+    if (auto ids = searchMirror(tokens, limit)) {
+        m_lastSearchFast = true;
+        return *ids;
+    }
+    m_lastSearchFast = false;
+    return runMatchQuery(matchExpression(text), limit);
+}
+
+QStringList LocalIndex::searchPlain(const QString& text, int limit) {
+    const QString match = matchExpression(text);
+    if (match.isEmpty())
+        return {};
+    std::lock_guard guard(m_lock);
+    return runMatchQuery(match, limit);
+}
+
+QStringList LocalIndex::runMatchQuery(const QString& match, int limit) {
+    QStringList ids;
+    Statement select(m_db, QString::fromUtf8(searchStatement));
+    if (!select)
+        return ids;
+    bindText(select.get(), 1, match);
+    sqlite3_bind_int(select.get(), 2, limit);
+    while (sqlite3_step(select.get()) == SQLITE_ROW) {
+        if (sqlite3_column_type(select.get(), 0) == SQLITE_NULL)
+            break;
+        ids.append(
+            QString::fromUtf8(reinterpret_cast<const char*>(sqlite3_column_text(select.get(), 0)),
+                              sqlite3_column_bytes(select.get(), 0)));
+    }
+    return ids;
+}
+
+std::optional<QStringList> LocalIndex::searchMirror(const QStringList& tokens, int limit) {
+    if (!m_mirror || !m_tokenizer)
+        return std::nullopt;
+    // FTS5 runs each quoted term through the tokenizer again; the mirror models a term that
+    // stays one non-empty token, and leaves anything else (a phrase) to SQL.
+    std::vector<std::string> prefixes;
+    prefixes.reserve(std::size_t(tokens.size()));
+    for (const QString& token : tokens) {
+        const QByteArray utf8 = token.toUtf8();
+        int count = 0;
+        std::string prefix;
+        m_tokenizer->tokenize(
+            std::string_view(utf8.constData(), std::size_t(utf8.size())),
+            [&](std::string_view piece) {
+                ++count;
+                prefix.assign(piece);
+            },
+            /*queryPrefix=*/true);
+        if (count != 1 || prefix.empty())
+            return std::nullopt;
+        prefixes.push_back(std::move(prefix));
+    }
+    return m_mirror->search(prefixes, limit);
+}
+
+std::optional<QString> LocalIndex::storedSignature() {
+    std::lock_guard guard(m_lock);
+    return scalar(QStringLiteral("SELECT v FROM meta WHERE k='sig'"));
+}
+
+void LocalIndex::prepareFastPath() {
+    std::lock_guard guard(m_lock);
+    ensureMirror();
+}
+
+std::int64_t LocalIndex::dataVersion() {
+    // Changes only when another connection commits to the file.
+    const std::optional<QString> v = scalar(QStringLiteral("PRAGMA data_version"));
+    return v ? v->toLongLong() : -1;
+}
+
+bool LocalIndex::mirrorIsCurrent() {
+    return m_mirrorChanges >= 0 && m_mirrorChanges == sqlite3_total_changes64(m_db) &&
+           m_mirrorDataVersion == dataVersion();
+}
+
+void LocalIndex::ensureMirror() {
+    if (!m_tokenizer)
+        return;
+    if ((m_mirror || m_mirrorFailed) && mirrorIsCurrent())
+        return;
+    buildMirror();
+}
+
+void LocalIndex::buildMirror() {
+    m_mirror.reset();
+    m_mirrorFailed = true;
+    m_mirrorChanges = sqlite3_total_changes64(m_db);
+    m_mirrorDataVersion = dataVersion();
+    if (!m_tokenizer)
+        return;
+    const QString sql = QStringLiteral(
+        "SELECT rowid, ocr_text, template, keywords, use_cases, emotions, description, id, "
+        "CAST(popularity AS INTEGER) FROM fts");
+    Statement select(m_db, sql);
+    if (!select)
+        return;
+    sqlite3_stmt* stmt = select.get();
+    FtsMirror::Builder builder(*m_tokenizer);
+    int rc = SQLITE_ROW;
+    while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
+        // A NULL id or popularity sorts in ways the mirror does not model: leave it to SQL.
+        if (sqlite3_column_type(stmt, 7) == SQLITE_NULL ||
+            sqlite3_column_type(stmt, 8) == SQLITE_NULL)
+            return;
+        const std::array<std::string_view, FtsMirror::columnCount> columns{
+            columnText(stmt, 1), columnText(stmt, 2), columnText(stmt, 3),
+            columnText(stmt, 4), columnText(stmt, 5), columnText(stmt, 6)};
+        const std::string_view id = columnText(stmt, 7);
+        if (!builder.addRow(sqlite3_column_int64(stmt, 0),
+                            QString::fromUtf8(id.data(), qsizetype(id.size())),
+                            sqlite3_column_int64(stmt, 8), columns))
+            return;
+    }
+    if (rc != SQLITE_DONE) {
+        logFailure(m_db, sql);
+        return;
+    }
+    m_mirror = builder.finish();
+    m_mirrorFailed = !m_mirror;
+}

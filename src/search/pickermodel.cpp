@@ -1,0 +1,518 @@
+// SPDX-License-Identifier: MIT
+#include "search/pickermodel.h"
+
+#include "catalog/memestore.h"
+#include "search/collectionsource.h"
+#include "search/fusedranking.h"
+#include "search/localindex.h"
+#include "search/pickertexts.h"
+#include "search/wordfilter.h"
+#include "telemetry/metrics.h"
+#include "userdata/userdata.h"
+
+#include <QTimer>
+#include <algorithm>
+
+namespace {
+
+constexpr int tabCount = 4;
+constexpr int mostUsedMinUses = 2;
+constexpr int mostUsedLimit = 200;
+
+QSet<QString> idSet(const QStringList& ids) {
+    return QSet<QString>(ids.begin(), ids.end());
+}
+
+} // namespace
+
+// Collects the changes of one operation and announces them when the outermost operation
+// ends, so that no slot sees results from one search and the status of another.
+class PickerModel::Batch {
+public:
+    explicit Batch(PickerModel* model) : m_model(model) {
+        if (m_model->m_batchDepth++ == 0)
+            m_before = std::make_unique<Snapshot>(*model);
+    }
+    ~Batch() {
+        // Leave the batch before emitting, so a slot that calls back in starts its own.
+        if (--m_model->m_batchDepth == 0 && m_before)
+            announce(*m_before);
+    }
+    Batch(const Batch&) = delete;
+    Batch& operator=(const Batch&) = delete;
+
+private:
+    struct Snapshot {
+        explicit Snapshot(const PickerModel& m)
+            : columns(m.m_columns), query(m.m_query), results(m.m_results), selected(m.m_selected),
+              focusToken(m.m_focusToken), status(m.m_status), accessibilityOK(m.m_accessibilityOK),
+              tab(m.m_tab), openCollection(m.m_openCollection), collectionList(m.m_collectionList),
+              recentSections(m.m_recentSections), favorites(m.m_favorites),
+              mineCount(m.mineCount()), placeholder(m.placeholder()) {}
+        int columns;
+        QString query;
+        MemeList results;
+        int selected;
+        int focusToken;
+        QString status;
+        bool accessibilityOK;
+        Tab tab;
+        std::optional<CollectionInfo> openCollection;
+        CollectionList collectionList;
+        QList<RecentSection> recentSections;
+        QSet<QString> favorites;
+        int mineCount;
+        QString placeholder;
+    };
+
+    void announce(const Snapshot& was) {
+        PickerModel& m = *m_model;
+        // Outer state first: the panel sets up the tab and the search field before it
+        // redraws the grid and the status line.
+        if (was.tab != m.m_tab)
+            emit m.tabChanged();
+        if (was.openCollection != m.m_openCollection)
+            emit m.openCollectionChanged();
+        if (was.query != m.m_query)
+            emit m.queryChanged();
+        if (was.placeholder != m.placeholder())
+            emit m.placeholderChanged();
+        if (was.columns != m.m_columns)
+            emit m.columnsChanged();
+        if (was.collectionList != m.m_collectionList)
+            emit m.collectionListChanged();
+        if (was.recentSections != m.m_recentSections)
+            emit m.recentSectionsChanged();
+        if (was.results != m.m_results)
+            emit m.resultsChanged();
+        if (was.selected != m.m_selected)
+            emit m.selectedChanged();
+        if (was.favorites != m.m_favorites)
+            emit m.favoritesChanged();
+        if (was.mineCount != m.mineCount())
+            emit m.mineCountChanged();
+        if (was.status != m.m_status)
+            emit m.statusChanged();
+        if (was.accessibilityOK != m.m_accessibilityOK)
+            emit m.accessibilityOKChanged();
+        if (was.focusToken != m.m_focusToken)
+            emit m.focusRequested();
+    }
+
+    PickerModel* m_model;
+    std::unique_ptr<Snapshot> m_before;
+};
+
+PickerModel::PickerModel(MemeStore* store, UserData* userData, QObject* parent)
+    : QObject(parent), m_store(store), m_userData(userData), m_status(PickerTexts::loadingIndex),
+      m_favorites(idSet(userData->favorites())) {}
+
+PickerModel::~PickerModel() = default;
+
+// --- Feeding the model ---
+
+void PickerModel::setIndex(std::shared_ptr<LocalIndex> index, const MemeList& memes) {
+    Batch batch(this);
+    m_index = std::move(index);
+    m_byID.clear();
+    m_byID.reserve(memes.size());
+    for (const Meme& meme : memes)
+        m_byID.insert(meme.id, meme);
+    // A reload of the same size may still swap items; never show yesterday's records.
+    m_explore = ExploreOrder();
+    m_loadFailure.reset();
+    runSearch(m_query);
+}
+
+void PickerModel::setMine(const MemeList& memes) {
+    Batch batch(this);
+    m_mine = memes;
+    m_mineByID.clear();
+    for (const Meme& meme : memes)
+        m_mineByID.insert(meme.id, meme);
+    if (m_tab == Tab::memes || m_tab == Tab::mine)
+        runSearch(m_query);
+}
+
+void PickerModel::setCollections(std::shared_ptr<const CollectionSource> collections) {
+    Batch batch(this);
+    m_collections = std::move(collections);
+    // Collections, Recent and Mine all show stickers; the Memes tab never does.
+    if (m_tab != Tab::memes)
+        runSearch(m_query);
+}
+
+void PickerModel::showLoadFailure(const QString& message) {
+    if (m_index)
+        return;
+    Batch batch(this);
+    m_loadFailure = message;
+    if (m_tab == Tab::memes)
+        runSearch(m_query);
+}
+
+void PickerModel::setAccessibilityOK(bool ok) {
+    Batch batch(this);
+    m_accessibilityOK = ok;
+}
+
+// --- Search and paging ---
+
+void PickerModel::searchTextEdited(const QString& text) {
+    QElapsedTimer startedAt;
+    startedAt.start();
+    Batch batch(this);
+    m_window = pageSize;
+    runSearch(text, startedAt);
+}
+
+void PickerModel::resetWindowAndRerun() {
+    Batch batch(this);
+    m_window = pageSize;
+    runSearch(m_query);
+}
+
+void PickerModel::runSearch(const QString& text, std::optional<QElapsedTimer> startedAt) {
+    Batch batch(this);
+    m_query = text;
+    // Favourites can change from outside the panel; rank and badge with the current ones.
+    m_favorites = idSet(m_userData->favorites());
+    if (m_tab != Tab::recent)
+        m_recentSections.clear();
+    if (m_tab != Tab::collections)
+        m_collectionList.clear();
+    switch (m_tab) {
+    case Tab::memes:
+        runMemesSearch(text, startedAt);
+        break;
+    case Tab::collections:
+        runCollectionSearch(text);
+        break;
+    case Tab::recent:
+        runRecentSearch(text);
+        break;
+    case Tab::mine:
+        runMineSearch(text);
+        break;
+    }
+}
+
+void PickerModel::runMemesSearch(const QString& text, std::optional<QElapsedTimer> startedAt) {
+    m_selected = 0;
+    m_userMoved = false;
+    if (!m_index) {
+        m_results.clear();
+        m_localResults.clear();
+        m_mineMatches.clear();
+        m_moreAvailable = false;
+        m_status = m_loadFailure.value_or(PickerTexts::loadingIndex);
+        return;
+    }
+
+    QElapsedTimer compute;
+    compute.start();
+    const MemeList ranked = rank(text);
+    const double computeMs = Metrics::ms(double(compute.nsecsElapsed()) / 1e9);
+
+    // Only a query with words puts the user's own items in front; browsing shows the mix.
+    m_mineMatches = text.trimmed().isEmpty() ? MemeList() : searchMine(text, mineOnTop);
+    m_results = withMineOnTop(ranked);
+    m_localResults = ranked;
+    m_moreAvailable = ranked.size() >= m_window;
+    m_status = PickerTexts::memesStatus(text, m_results.size(), m_mineMatches.size(), false);
+    prefetchSelection();
+    if (startedAt)
+        logSearch(text, ranked.size(), computeMs, *startedAt);
+}
+
+void PickerModel::loadMoreIfNeeded(int index) {
+    if (m_tab != Tab::memes || !m_moreAvailable || index < m_results.size() - pageAheadCells ||
+        !m_index)
+        return;
+    Batch batch(this);
+    m_window += pageSize;
+    const MemeList ranked = rank(m_query);
+    m_moreAvailable = ranked.size() >= m_window;
+    m_localResults = ranked;
+
+    const std::optional<Meme> kept = selectedItem();
+    m_results = withMineOnTop(ranked);
+    if (kept) {
+        const auto at = std::find_if(m_results.cbegin(), m_results.cend(),
+                                     [&](const Meme& m) { return m.id == kept->id; });
+        if (at != m_results.cend())
+            m_selected = int(at - m_results.cbegin());
+    }
+    m_status =
+        PickerTexts::memesStatus(m_query, m_results.size(), m_mineMatches.size(), !m_moreAvailable);
+}
+
+MemeList PickerModel::rank(const QString& text) {
+    const auto explore = [this]() -> const MemeList& { return m_explore.order(m_byID); };
+    const FusedRanking::Inputs inputs{*m_index,    m_byID,      m_window,
+                                      *m_userData, m_favorites, explore};
+    return FusedRanking::rank(text, inputs);
+}
+
+MemeList PickerModel::withMineOnTop(const MemeList& ranked) const {
+    QSet<QString> mineIDs;
+    for (const Meme& meme : m_mineMatches)
+        mineIDs.insert(meme.id);
+    MemeList out = m_mineMatches;
+    out.reserve(m_mineMatches.size() + ranked.size());
+    for (const Meme& meme : ranked) {
+        if (!mineIDs.contains(meme.id))
+            out.append(meme);
+    }
+    return out;
+}
+
+MemeList PickerModel::searchMine(const QString& text, int limit) const {
+    const WordFilter filter(text);
+    MemeList out;
+    for (const Meme& meme : m_mine) {
+        if (out.size() >= limit)
+            break;
+        if (filter.matches(meme))
+            out.append(meme);
+    }
+    return out;
+}
+
+void PickerModel::logSearch(const QString& text, qsizetype ranked, double computeMs,
+                            const QElapsedTimer& startedAt) {
+    Metrics* log = m_store ? &m_store->metrics() : &Metrics::shared();
+    const auto indexed = m_byID.size();
+    // Posted, so that "ms" also covers the views redrawing for the new results.
+    QTimer::singleShot(0, this, [=] {
+        log->write(QStringLiteral("search"),
+                   {{"q", text.toStdString()},
+                    {"results", ranked},
+                    {"ms", Metrics::ms(double(startedAt.nsecsElapsed()) / 1e9)},
+                    {"compute_ms", computeMs},
+                    {"index", indexed},
+                    {"engine", "fts5"}});
+    });
+}
+
+void PickerModel::runCollectionSearch(const QString& text) {
+    m_selected = 0;
+    m_userMoved = false;
+    m_results.clear();
+    m_collectionList.clear();
+    if (!m_collections) {
+        m_status = PickerTexts::collectionsLoading;
+        return;
+    }
+    if (!m_openCollection) {
+        m_collectionList = m_collections->search(text);
+        m_status = PickerTexts::collectionListStatus(m_collectionList.size());
+        return;
+    }
+    m_results = m_collections->stickers(*m_openCollection, text);
+    m_status = PickerTexts::openCollectionStatus(m_results.size(), m_openCollection->count,
+                                                 m_openCollection->name);
+    prefetchSelection();
+}
+
+void PickerModel::runRecentSearch(const QString& text) {
+    m_selected = 0;
+    m_userMoved = false;
+    const WordFilter filter(text);
+    const auto pick = [&](const QStringList& ids) {
+        MemeList found;
+        for (const QString& id : ids) {
+            const std::optional<Meme> meme = lookup(id);
+            if (meme && filter.matches(*meme))
+                found.append(*meme);
+        }
+        return found;
+    };
+    const MemeList recent = pick(m_userData->recents());
+    const MemeList most = pick(m_userData->mostUsedIDs(mostUsedMinUses, mostUsedLimit));
+
+    m_recentSections.clear();
+    if (!recent.isEmpty())
+        m_recentSections.append(
+            {QStringLiteral("recent"), QStringLiteral("Recently used"), 0, recent});
+    if (!most.isEmpty())
+        m_recentSections.append(
+            {QStringLiteral("most"), QStringLiteral("Most used"), int(recent.size()), most});
+    m_results = recent + most;
+    m_status = PickerTexts::recentStatus(recent.size(), most.size());
+    prefetchSelection();
+}
+
+void PickerModel::runMineSearch(const QString& text) {
+    m_selected = 0;
+    m_userMoved = false;
+    const MemeList mine = searchMine(text, mineTabLimit);
+    const MemeList stickers = favoriteStickers(text);
+    m_results = mine + stickers;
+    m_status = m_mine.isEmpty() && stickers.isEmpty()
+                   ? PickerTexts::mineEmpty
+                   : PickerTexts::mineStatus(mine.size(), stickers.size());
+    prefetchSelection();
+}
+
+MemeList PickerModel::favoriteStickers(const QString& text) const {
+    if (!m_collections)
+        return {};
+    const WordFilter filter(text);
+    MemeList out;
+    // Oldest favourite first, so a new star lands at the end instead of reshuffling the tab.
+    const QStringList& favorites = m_userData->favorites();
+    for (auto it = favorites.crbegin(); it != favorites.crend(); ++it) {
+        const std::optional<Meme> sticker = m_collections->sticker(*it);
+        if (sticker && filter.matches(*sticker))
+            out.append(*sticker);
+    }
+    return out;
+}
+
+std::optional<Meme> PickerModel::lookup(const QString& id) const {
+    if (const auto found = m_byID.constFind(id); found != m_byID.constEnd())
+        return *found;
+    if (m_collections) {
+        if (std::optional<Meme> sticker = m_collections->sticker(id))
+            return sticker;
+    }
+    if (const auto found = m_mineByID.constFind(id); found != m_mineByID.constEnd())
+        return *found;
+    return std::nullopt;
+}
+
+// --- Tabs and keys ---
+
+void PickerModel::switchTab(Tab tab) {
+    if (tab == m_tab)
+        return;
+    Batch batch(this);
+    m_tab = tab;
+    m_openCollection.reset();
+    runSearch(m_query);
+}
+
+void PickerModel::nextTab() {
+    stepTab(1);
+}
+
+void PickerModel::previousTab() {
+    stepTab(-1);
+}
+
+void PickerModel::stepTab(int step) {
+    switchTab(Tab((int(m_tab) + step + tabCount) % tabCount));
+}
+
+void PickerModel::setColumns(int columns) {
+    Batch batch(this);
+    m_columns = std::max(1, columns);
+}
+
+void PickerModel::moveBy(int delta) {
+    Batch batch(this);
+    m_userMoved = true;
+    const int count = itemCount();
+    if (count < 1)
+        return;
+    m_selected = std::clamp(m_selected + delta, 0, count - 1);
+    prefetchSelection();
+}
+
+void PickerModel::select(int index) {
+    if (index < 0 || index >= itemCount())
+        return;
+    Batch batch(this);
+    m_selected = index;
+    m_userMoved = true;
+    prefetchSelection();
+}
+
+void PickerModel::insertSelected() {
+    if (showingCollectionList()) {
+        if (m_selected >= 0 && m_selected < m_collectionList.size())
+            open(m_collectionList[m_selected]);
+        return;
+    }
+    if (const std::optional<Meme> meme = selectedItem())
+        emit insertRequested(*meme);
+}
+
+void PickerModel::open(const CollectionInfo& collection) {
+    Batch batch(this);
+    m_tab = Tab::collections;
+    m_openCollection = collection;
+    m_query.clear();
+    ++m_focusToken;
+    runSearch(m_query);
+}
+
+bool PickerModel::handleEscape() {
+    if (m_tab != Tab::collections || !m_openCollection)
+        return false;
+    Batch batch(this);
+    m_openCollection.reset();
+    m_query.clear();
+    ++m_focusToken;
+    runSearch(m_query);
+    return true;
+}
+
+void PickerModel::toggleFavoriteOfSelected() {
+    const std::optional<Meme> meme = selectedItem();
+    if (!meme)
+        return;
+    Batch batch(this);
+    m_userData->toggleFavorite(meme->id);
+    m_favorites = idSet(m_userData->favorites());
+}
+
+void PickerModel::prefetchSelection() {
+    if (!m_store || showingCollectionList())
+        return;
+    MemeList wanted;
+    if (const std::optional<Meme> meme = selectedItem())
+        wanted.append(*meme);
+    wanted.append(m_results.mid(0, prefetchHead));
+    m_store->prefetch(wanted);
+}
+
+// --- Observable state ---
+
+std::optional<Meme> PickerModel::selectedItem() const {
+    if (showingCollectionList() || m_selected < 0 || m_selected >= m_results.size())
+        return std::nullopt;
+    return m_results[m_selected];
+}
+
+QString PickerModel::placeholder() const {
+    switch (m_tab) {
+    case Tab::memes:
+        return PickerTexts::memesPlaceholder;
+    case Tab::collections:
+        return m_openCollection ? PickerTexts::openCollectionPlaceholder(m_openCollection->name)
+                                : PickerTexts::collectionsPlaceholder;
+    case Tab::recent:
+        return PickerTexts::recentPlaceholder;
+    case Tab::mine:
+        return PickerTexts::minePlaceholder;
+    }
+    return {};
+}
+
+bool PickerModel::showingCollectionList() const {
+    return m_tab == Tab::collections && !m_openCollection;
+}
+
+int PickerModel::itemCount() const {
+    return int(showingCollectionList() ? m_collectionList.size() : m_results.size());
+}
+
+std::optional<QString> PickerModel::recentCellID(int index) const {
+    for (const RecentSection& section : m_recentSections) {
+        if (index >= section.start && index < section.start + section.items.size())
+            return section.id + QLatin1Char('-') + section.items[index - section.start].id;
+    }
+    return std::nullopt;
+}

@@ -1,0 +1,391 @@
+// SPDX-License-Identifier: MIT
+#include "catalog/memestore.h"
+#include "search/collectionsource.h"
+#include "search/pickermodel.h"
+#include "searchtesthelpers.h"
+#include "support/httptestserver.h"
+#include "telemetry/metrics.h"
+#include "userdata/userdata.h"
+
+#include <QSignalSpy>
+#include <QTest>
+#include <mutex>
+
+using namespace SearchTest;
+using Tab = PickerModel::Tab;
+
+namespace {
+
+const QString memesHints =
+    QStringLiteral(" · ↵ paste · drag to insert · Ctrl+D favorite · Ctrl+E caption · esc close");
+
+// Items c0..c(n-1) all match "cat", bm25-ranked in id order; d0, d1 match "dog".
+MemeList catalog(int cats) {
+    MemeList memes;
+    for (int i = 0; i < cats; ++i)
+        memes.append(meme(QStringLiteral("c%1").arg(i), QStringLiteral("cat"), cats - i));
+    memes.append(meme(QStringLiteral("d0"), QStringLiteral("dog"), 0, {QStringLiteral("café")}));
+    memes.append(meme(QStringLiteral("d1"), QStringLiteral("dog")));
+    return memes;
+}
+
+// A real model over a real index, user data and image store. By default the store points at
+// a closed port, for tests where images do not matter.
+struct Picker {
+    explicit Picker(int cats = 200, QUrl server = QUrl(QStringLiteral("http://127.0.0.1:9/")))
+        : base(std::move(server)), memes(catalog(cats)) {
+        model.setIndex(std::shared_ptr<LocalIndex>(indexWith(memes)), memes);
+    }
+    MemeStore::Options storeOptions() {
+        MemeStore::Options o;
+        o.base = base;
+        o.cacheDir = root + QStringLiteral("/full");
+        o.metrics = &log;
+        return o;
+    }
+    QStringList shown() const { return idsOf(model.results()); }
+    std::vector<nlohmann::json> searchEvents() {
+        log.flush();
+        std::vector<nlohmann::json> found;
+        for (const QByteArray& line : TestEnv::readFile(log.path()).split('\n')) {
+            const auto object = nlohmann::json::parse(line.toStdString(), nullptr, false);
+            if (object.is_object() && object["event"] == "search")
+                found.push_back(object);
+        }
+        return found;
+    }
+
+    QUrl base;
+    QString root = TestEnv::freshDir();
+    Metrics log{root + QStringLiteral("/spike.jsonl")};
+    MemeStore store{storeOptions()};
+    UserData userData{root + QStringLiteral("/userdata.json")};
+    PickerModel model{&store, &userData};
+    MemeList memes;
+};
+
+// Collections from memory, matched by name; stickers matched by their written text.
+class Collections : public CollectionSource {
+public:
+    CollectionList search(const QString& text) const override {
+        CollectionList out;
+        for (const CollectionInfo& c : list)
+            if (c.name.contains(text, Qt::CaseInsensitive))
+                out.append(c);
+        return out;
+    }
+    MemeList stickers(const CollectionInfo& collection, const QString& text) const override {
+        MemeList out;
+        for (const Meme& m : all)
+            if (m.collection_id == collection.id && m.ocr_text.contains(text))
+                out.append(m);
+        return out;
+    }
+    std::optional<Meme> sticker(const QString& id) const override {
+        for (const Meme& m : all)
+            if (m.id == id)
+                return m;
+        return std::nullopt;
+    }
+
+    CollectionList list;
+    MemeList all;
+};
+
+std::shared_ptr<Collections> frogsAndOwls() {
+    auto c = std::make_shared<Collections>();
+    for (const char* name : {"Frogs", "Owls"}) {
+        CollectionInfo info;
+        info.id = QString::fromLatin1(name).toLower();
+        info.name = QString::fromLatin1(name);
+        info.count = 3;
+        c->list.append(info);
+        for (int i = 0; i < 3; ++i) {
+            Meme s = meme(info.id + QString::number(i), QStringLiteral("sticker %1").arg(i));
+            s.collection_id = info.id;
+            c->all.append(s);
+        }
+    }
+    return c;
+}
+
+} // namespace
+
+TEST(PickerModel, PagesBySixtyUntilEverythingShowsThenStops) {
+    Picker p;
+    p.model.searchTextEdited(QStringLiteral("cat"));
+    const QStringList firstPage = p.shown();
+    ASSERT_EQ(firstPage.size(), 60);
+    EXPECT_EQ(p.model.status(), QStringLiteral("60 results") + memesHints);
+
+    p.model.select(50);
+    p.model.loadMoreIfNeeded(44); // 16 from the end
+    EXPECT_EQ(p.shown().size(), 60);
+    for (const qsizetype size : {120, 180, 200}) {
+        p.model.loadMoreIfNeeded(int(p.model.results().size()) - 15);
+        EXPECT_EQ(p.shown().size(), size);
+    }
+    EXPECT_EQ(p.model.status(), QStringLiteral("200 results (all)") + memesHints);
+    EXPECT_EQ(p.model.results()[p.model.selected()].id, firstPage[50]) << "selection kept";
+    p.model.loadMoreIfNeeded(199);
+    EXPECT_EQ(p.shown().size(), 200);
+    EXPECT_EQ(p.model.window(), 240);
+
+    // Another tab never pages, and coming back keeps the grown page.
+    p.model.switchTab(Tab::recent);
+    p.model.loadMoreIfNeeded(0);
+    EXPECT_EQ(p.model.window(), 240);
+    p.model.switchTab(Tab::memes);
+    EXPECT_EQ(p.shown().size(), 200);
+
+    // Typing starts again at one page, in the same order.
+    p.model.searchTextEdited(QStringLiteral("cat"));
+    EXPECT_EQ(p.shown(), firstPage);
+    EXPECT_EQ(p.model.selected(), 0);
+}
+
+TEST(PickerModel, EmptyQueryBrowsesFavouritesRecentsThenTheMixToTheEnd) {
+    Picker p(128); // 130 items
+    p.userData.recordPick(QStringLiteral("c7"), QString());
+    p.userData.toggleFavorite(QStringLiteral("d1"));
+    p.model.searchTextEdited(QString());
+    ASSERT_EQ(p.shown().size(), 60);
+    EXPECT_EQ(p.shown().mid(0, 2), ids({"d1", "c7"}));
+    EXPECT_EQ(p.model.status(),
+              QStringLiteral("★ favorites, recents, then a fresh mix every day") + memesHints);
+
+    p.model.loadMoreIfNeeded(59);
+    p.model.loadMoreIfNeeded(119);
+    const QStringList all = p.shown();
+    EXPECT_EQ(all.size(), 130);
+    EXPECT_EQ(QSet<QString>(all.begin(), all.end()).size(), 130) << "each item once";
+    EXPECT_EQ(p.model.status(),
+              QStringLiteral("★ favorites, recents, then a fresh mix every day (all)") +
+                  memesHints);
+}
+
+TEST(PickerModel, OwnItemsGoOnTopOnceAndOnlyForWords) {
+    Picker p(5);
+    Meme own = meme(QStringLiteral("g_1"), QStringLiteral("my cat"));
+    Meme alsoRanked = p.memes[3]; // c3, which the index ranks too
+    p.model.searchTextEdited(QStringLiteral("cat"));
+    p.model.setMine({own, alsoRanked, meme(QStringLiteral("g_2"), QStringLiteral("my dog"))});
+    EXPECT_EQ(p.model.mineCount(), 3);
+    EXPECT_EQ(p.shown(), ids({"g_1", "c3", "c0", "c1", "c2", "c4"}));
+    EXPECT_EQ(p.model.status(), QStringLiteral("6 results (2 of yours)") + memesHints);
+
+    p.model.searchTextEdited(QStringLiteral("  "));
+    EXPECT_FALSE(p.shown().contains(QStringLiteral("g_1")));
+    EXPECT_TRUE(p.model.status().startsWith(QStringLiteral("7 results · "))) << "spaces count";
+}
+
+TEST(PickerModel, TabsCycleBothWaysAndKeepTheQuery) {
+    Picker p(5);
+    p.model.searchTextEdited(QStringLiteral("dog"));
+    QSignalSpy tabs(&p.model, &PickerModel::tabChanged);
+    QStringList placeholders;
+    for (int i = 0; i < 4; ++i) {
+        p.model.nextTab();
+        placeholders.append(p.model.placeholder());
+    }
+    EXPECT_EQ(placeholders, QStringList({QStringLiteral("Search collections…"),
+                                         QStringLiteral("Search memes you used…"),
+                                         QStringLiteral("Search my images, emoji and favorite "
+                                                        "stickers…"),
+                                         QStringLiteral("Search memes…")}));
+    EXPECT_EQ(tabs.size(), 4);
+    p.model.previousTab();
+    EXPECT_EQ(p.model.tab(), Tab::mine);
+    EXPECT_EQ(p.model.query(), QStringLiteral("dog"));
+
+    QSignalSpy results(&p.model, &PickerModel::resultsChanged);
+    p.model.switchTab(Tab::mine);
+    EXPECT_EQ(tabs.size(), 5);
+    EXPECT_TRUE(results.isEmpty());
+}
+
+TEST(PickerModel, ArrowsStopAtTheEndsAndMarkTheSelectionMoved) {
+    Picker p(20);
+    p.model.setColumns(4);
+    p.model.searchTextEdited(QStringLiteral("cat"));
+    EXPECT_FALSE(p.model.userMoved());
+    p.model.moveBy(-1);
+    EXPECT_EQ(p.model.selected(), 0);
+    EXPECT_TRUE(p.model.userMoved());
+    p.model.moveBy(p.model.columns());
+    p.model.moveBy(1);
+    EXPECT_EQ(p.model.selected(), 5);
+    p.model.moveBy(100);
+    EXPECT_EQ(p.model.selected(), 19);
+
+    p.model.searchTextEdited(QStringLiteral("nothing matches"));
+    p.model.moveBy(1);
+    EXPECT_EQ(p.model.selected(), 0);
+    EXPECT_TRUE(p.model.userMoved());
+    EXPECT_FALSE(p.model.selectedItem());
+}
+
+TEST(PickerModel, MovingTheSelectionFetchesItsImage) {
+    HttpTestServer server;
+    std::mutex lock;
+    QStringList asked;
+    server.server().Get(".*", [&](const httplib::Request& request, httplib::Response& response) {
+        const std::lock_guard guard(lock);
+        asked.append(QString::fromStdString(request.path));
+        response.status = 404;
+    });
+    ASSERT_TRUE(server.start());
+    Picker p(20, server.url());
+    p.model.searchTextEdited(QStringLiteral("cat"));
+    // The first results are tried (and fail) before the user moves.
+    ASSERT_TRUE(QTest::qWaitFor([&] { return p.store.inFlightCount() == 0; }, 10000));
+    const auto wasAsked = [&](const Meme& m) {
+        const std::lock_guard guard(lock);
+        return asked.contains(QStringLiteral("/f/%1.jpg").arg(m.id));
+    };
+    EXPECT_TRUE(wasAsked(p.model.results()[0]));
+    int target = PickerModel::prefetchHead;
+    while (target < 20 && wasAsked(p.model.results()[target]))
+        ++target;
+    ASSERT_LT(target, 20);
+
+    p.model.moveBy(target);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return wasAsked(p.model.results()[target]); }, 10000));
+}
+
+TEST(PickerModel, RecentTabListsSectionsFilteredByFoldedWords) {
+    Picker p(5);
+    for (const char* id : {"d0", "c1", "d0", "c2", "c2", "gone"})
+        p.userData.recordPick(QString::fromLatin1(id), QStringLiteral("x"));
+    p.model.switchTab(Tab::recent);
+    EXPECT_EQ(p.shown(), ids({"c2", "d0", "c1", "c2", "d0"}));
+    ASSERT_EQ(p.model.recentSections().size(), 2);
+    EXPECT_EQ(p.model.recentSections()[1].title, QStringLiteral("Most used"));
+    EXPECT_EQ(p.model.recentSections()[1].start, 3);
+    EXPECT_EQ(p.model.recentCellID(0), QStringLiteral("recent-c2"));
+    EXPECT_EQ(p.model.recentCellID(3), QStringLiteral("most-c2"));
+    EXPECT_FALSE(p.model.recentCellID(5));
+    EXPECT_EQ(p.model.status(),
+              QStringLiteral("3 recent · 2 most used · ↵ paste · drag to "
+                             "insert · Ctrl+D favorite · ⇥ next tab · esc close"));
+
+    p.model.searchTextEdited(QStringLiteral("CAF"));
+    EXPECT_EQ(p.shown(), ids({"d0", "d0"}));
+
+    p.userData.clearHistory();
+    p.model.resetWindowAndRerun();
+    EXPECT_TRUE(p.shown().isEmpty());
+    EXPECT_TRUE(p.model.recentSections().isEmpty());
+}
+
+TEST(PickerModel, MineTabShowsOwnItemsThenFavouriteStickers) {
+    Picker p(5);
+    p.model.switchTab(Tab::mine);
+    EXPECT_TRUE(p.model.status().startsWith(QStringLiteral("Nothing here yet. Click ＋ Add")));
+
+    p.model.setCollections(frogsAndOwls());
+    p.userData.toggleFavorite(QStringLiteral("owls1"));
+    p.userData.toggleFavorite(QStringLiteral("c0")); // a catalog meme: Memes tab only
+    p.userData.toggleFavorite(QStringLiteral("frogs2"));
+    p.model.setMine({meme(QStringLiteral("g_1"), QStringLiteral("mine"))});
+    EXPECT_EQ(p.shown(), ids({"g_1", "owls1", "frogs2"}));
+    EXPECT_TRUE(p.model.status().startsWith(QStringLiteral("1 yours · 2 favorite stickers · ")));
+    p.model.loadMoreIfNeeded(2);
+    EXPECT_EQ(p.model.window(), PickerModel::pageSize);
+}
+
+TEST(PickerModel, CollectionsOpenAndEscapeGoesBackToTheList) {
+    Picker p(5);
+    p.model.switchTab(Tab::collections);
+    EXPECT_EQ(p.model.status(),
+              QStringLiteral("Collections are loading… (is the server running?)"));
+    EXPECT_FALSE(p.model.handleEscape());
+
+    p.model.setCollections(frogsAndOwls());
+    p.model.searchTextEdited(QStringLiteral("ow"));
+    EXPECT_EQ(p.model.status(),
+              QStringLiteral("1 collections · ↵ open · drag to insert · ⇥ memes · esc close"));
+    EXPECT_EQ(p.model.itemCount(), 1);
+    p.model.toggleFavoriteOfSelected();
+    EXPECT_TRUE(p.userData.favorites().isEmpty()) << "a collection is not an item";
+
+    QSignalSpy focus(&p.model, &PickerModel::focusRequested);
+    p.model.insertSelected();
+    EXPECT_EQ(p.model.openCollection()->id, QStringLiteral("owls"));
+    EXPECT_EQ(p.model.query(), QString());
+    EXPECT_EQ(p.model.placeholder(), QStringLiteral("Search in Owls…"));
+    EXPECT_EQ(focus.size(), 1);
+    p.model.searchTextEdited(QStringLiteral("2"));
+    EXPECT_EQ(p.shown(), ids({"owls2"}));
+    EXPECT_EQ(p.model.status(), QStringLiteral("1 of 3 stickers in Owls · ↵ paste · drag to "
+                                               "insert · ⇥ memes · esc back"));
+    QSignalSpy inserted(&p.model, &PickerModel::insertRequested);
+    p.model.insertSelected();
+    ASSERT_EQ(inserted.size(), 1);
+    EXPECT_EQ(inserted[0][0].value<Meme>().id, QStringLiteral("owls2"));
+
+    EXPECT_TRUE(p.model.handleEscape());
+    EXPECT_FALSE(p.model.openCollection());
+    EXPECT_EQ(p.model.collectionList().size(), 2);
+    EXPECT_EQ(focus.size(), 2);
+    EXPECT_FALSE(p.model.handleEscape());
+}
+
+TEST(PickerModel, FavouriteToggleMirrorsUserDataAndLiftsTheItem) {
+    Picker p(30);
+    p.model.searchTextEdited(QStringLiteral("cat"));
+    p.model.select(20);
+    QSignalSpy favorites(&p.model, &PickerModel::favoritesChanged);
+    p.model.toggleFavoriteOfSelected();
+    EXPECT_TRUE(p.model.isFavorite(QStringLiteral("c20")));
+    EXPECT_EQ(p.userData.favorites(), ids({"c20"}));
+    EXPECT_EQ(favorites.size(), 1);
+    p.model.searchTextEdited(QStringLiteral("cat"));
+    EXPECT_LT(p.shown().indexOf(QStringLiteral("c20")), 20);
+}
+
+TEST(PickerModel, LoadFailureShowsUntilAnIndexArrives) {
+    Picker p(0);
+    PickerModel fresh(&p.store, &p.userData);
+    EXPECT_EQ(fresh.status(), QStringLiteral("Loading index…"));
+    fresh.showLoadFailure(QStringLiteral("Index failed to load. Is the server running?"));
+    EXPECT_EQ(fresh.status(), QStringLiteral("Index failed to load. Is the server running?"));
+    EXPECT_TRUE(fresh.results().isEmpty());
+
+    fresh.setIndex(std::shared_ptr<LocalIndex>(indexWith(p.memes)), p.memes);
+    fresh.searchTextEdited(QStringLiteral("dog"));
+    fresh.showLoadFailure(QStringLiteral("ignored"));
+    EXPECT_EQ(fresh.results().size(), 2);
+    EXPECT_TRUE(fresh.status().startsWith(QStringLiteral("2 results")));
+}
+
+TEST(PickerModel, SignalsSeeOneConsistentState) {
+    Picker p(5);
+    p.model.switchTab(Tab::recent);
+    QString statusSeen;
+    QStringList order;
+    QObject::connect(&p.model, &PickerModel::resultsChanged, [&] {
+        statusSeen = p.model.status();
+        order.append(QStringLiteral("results"));
+    });
+    QObject::connect(&p.model, &PickerModel::tabChanged,
+                     [&] { order.append(QStringLiteral("tab")); });
+    p.model.switchTab(Tab::memes);
+    EXPECT_EQ(statusSeen, p.model.status());
+    EXPECT_EQ(order, QStringList({QStringLiteral("tab"), QStringLiteral("results")}));
+}
+
+TEST(PickerModel, TypingLogsOneSearchEventAfterPublishing) {
+    Picker p(5);
+    p.model.runSearch(QStringLiteral("cat")); // a reload: not the user typing
+    p.model.searchTextEdited(QStringLiteral("dog"));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !p.searchEvents().empty(); }, 10000));
+    const auto events = p.searchEvents();
+    ASSERT_EQ(events.size(), 1u);
+    const nlohmann::json& e = events[0];
+    EXPECT_EQ(e["q"], "dog");
+    EXPECT_EQ(e["results"], 2);
+    EXPECT_EQ(e["index"], 7);
+    EXPECT_EQ(e["engine"], "fts5");
+    EXPECT_GE(e["ms"].get<double>(), e["compute_ms"].get<double>());
+}
