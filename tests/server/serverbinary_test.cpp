@@ -1,0 +1,148 @@
+// SPDX-License-Identifier: MIT
+#include "catalog/catalogjson.h"
+#include "support/testenv.h"
+
+#include <QDeadlineTimer>
+#include <QProcess>
+#include <QRegularExpression>
+#include <csignal>
+#include <gtest/gtest.h>
+#include <httplib.h>
+
+namespace {
+
+Meme sampleMeme(int n) {
+    Meme meme;
+    meme.id = QStringLiteral("s%1").arg(n);
+    meme.thumb = QStringLiteral("/t/%1.webp").arg(n);
+    meme.full = QStringLiteral("/f/%1.png").arg(n);
+    return meme;
+}
+
+// orvane-server as a child process, with its start-up line read back.
+class ServerProcess {
+public:
+    // With `sigintIgnored`, started the way `orvane-server &` in a script starts it.
+    explicit ServerProcess(const QStringList& args, bool sigintIgnored = false) {
+        if (!sigintIgnored) {
+            m_process.start(QStringLiteral(ORVANE_SERVER_BINARY), args);
+            return;
+        }
+        m_process.start(QStringLiteral("/bin/sh"),
+                        QStringList{QStringLiteral("-c"),
+                                    QStringLiteral("trap '' INT; exec \"$0\" \"$@\""),
+                                    QStringLiteral(ORVANE_SERVER_BINARY)} +
+                            args);
+    }
+    ~ServerProcess() {
+        if (m_process.state() != QProcess::NotRunning) {
+            m_process.kill();
+            m_process.waitForFinished(10000);
+        }
+    }
+    // The first line on stdout, or empty when none came in time.
+    QString startupLine() {
+        const QDeadlineTimer deadline(20000);
+        while (!m_process.canReadLine() && !deadline.hasExpired() &&
+               m_process.state() != QProcess::NotRunning)
+            m_process.waitForReadyRead(static_cast<int>(deadline.remainingTime()));
+        return QString::fromUtf8(m_process.readLine()).trimmed();
+    }
+    QProcess& process() { return m_process; }
+
+private:
+    QProcess m_process;
+};
+
+int portIn(const QString& line) {
+    const auto match =
+        QRegularExpression(QStringLiteral("at http://127\\.0\\.0\\.1:(\\d+)/ ")).match(line);
+    return match.hasMatch() ? match.captured(1).toInt() : -1;
+}
+
+struct Finished {
+    int exitCode = -1;
+    QString err;
+};
+
+Finished runToEnd(const QStringList& args) {
+    QProcess process;
+    process.start(QStringLiteral(ORVANE_SERVER_BINARY), args);
+    if (!process.waitForFinished(20000))
+        return {};
+    return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
+            QString::fromUtf8(process.readAllStandardError())};
+}
+
+} // namespace
+
+TEST(OrvaneServer, AnnouncesAddressAndCatalogSizeThenStopsCleanlyOnSignals) {
+    const QString root = TestEnv::freshDir();
+    TestEnv::writeFile(root + "/index.json",
+                       CatalogJson::encodeMemes({sampleMeme(1), sampleMeme(2), sampleMeme(3)}));
+    TestEnv::writeFile(root + "/stickers.json", CatalogJson::encodeMemes({sampleMeme(4)}));
+    TestEnv::writeFile(root + "/collections.json", "[]");
+
+    const QStringList args{QStringLiteral("--root"), root, QStringLiteral("--port"),
+                           QStringLiteral("0")};
+    for (const int signal : {SIGTERM, SIGINT}) {
+        // SIGINT is tried on a server that inherited it ignored, as from `orvane-server &`.
+        ServerProcess server(args, signal == SIGINT);
+        const QString line = server.startupLine();
+        const int port = portIn(line);
+        ASSERT_GT(port, 0) << line.toStdString();
+        EXPECT_TRUE(line.contains(QStringLiteral(
+            "(index.json: 3 items, index_stress.json: missing, collections.json: 0 collections, "
+            "stickers.json: 1 stickers)")))
+            << line.toStdString();
+
+        httplib::Client client("127.0.0.1", port);
+        const auto reply = client.Get("/index.json");
+        ASSERT_TRUE(reply);
+        EXPECT_EQ(reply->status, 200);
+
+        ::kill(static_cast<pid_t>(server.process().processId()), signal);
+        ASSERT_TRUE(server.process().waitForFinished(20000));
+        EXPECT_EQ(server.process().exitStatus(), QProcess::NormalExit);
+        EXPECT_EQ(server.process().exitCode(), 0);
+    }
+}
+
+TEST(OrvaneServer, StartsOnABrokenCatalogButSaysWhereItBreaks) {
+    const QString root = TestEnv::freshDir();
+    TestEnv::writeFile(root + "/index.json", R"([{"id":"x","template":""}])");
+    ServerProcess server(
+        {QStringLiteral("--root"), root, QStringLiteral("--port"), QStringLiteral("0")});
+    const QString line = server.startupLine();
+    EXPECT_GT(portIn(line), 0) << line.toStdString();
+    EXPECT_TRUE(line.contains(QStringLiteral("index.json: does not decode ([0].")))
+        << line.toStdString();
+}
+
+TEST(OrvaneServer, RefusesBadArgumentsWithAClearMessage) {
+    const QString root = TestEnv::freshDir();
+
+    Finished r = runToEnd({});
+    EXPECT_NE(r.exitCode, 0);
+    EXPECT_TRUE(r.err.contains(QStringLiteral("--root DIR is required"))) << r.err.toStdString();
+
+    r = runToEnd({QStringLiteral("--root"), root + QStringLiteral("/nope")});
+    EXPECT_NE(r.exitCode, 0);
+    EXPECT_TRUE(r.err.contains(QStringLiteral("not a folder"))) << r.err.toStdString();
+
+    r = runToEnd(
+        {QStringLiteral("--root"), root, QStringLiteral("--port"), QStringLiteral("70000")});
+    EXPECT_NE(r.exitCode, 0);
+    EXPECT_TRUE(r.err.contains(QStringLiteral("not a port number"))) << r.err.toStdString();
+
+    // The port is held by another server process: a server thread in this process would make
+    // the fork below unsupported under ThreadSanitizer.
+    ServerProcess taken(
+        {QStringLiteral("--root"), root, QStringLiteral("--port"), QStringLiteral("0")});
+    const int port = portIn(taken.startupLine());
+    ASSERT_GT(port, 0);
+    r = runToEnd({QStringLiteral("--root"), root, QStringLiteral("--port"), QString::number(port)});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_TRUE(r.err.contains(QStringLiteral("could not listen on 127.0.0.1:%1").arg(port)))
+        << r.err.toStdString();
+}
