@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: MIT
+#include "platform/platformbackend.h"
+
+#include "platform/none/nullglobalhotkey.h"
+#include "platform/none/nullwindowactivator.h"
+#include "platform/platformlog.h"
+#include "platform/x11/x11globalhotkey.h"
+#include "platform/x11/x11windowactivator.h"
+
+#include <QGuiApplication>
+
+namespace PlatformBackend {
+
+QString name() {
+    static const QString chosen = [] {
+        const QString platform = QGuiApplication::platformName();
+        const QString backend =
+            platform == QLatin1String("xcb") ? QStringLiteral("x11") : QStringLiteral("none");
+        qCInfo(lcPlatform).noquote()
+            << "desktop backend:" << backend << "(Qt platform" << platform + QLatin1Char(')');
+        return backend;
+    }();
+    return chosen;
+}
+
+std::unique_ptr<GlobalHotkey> createGlobalHotkey() {
+    if (name() == QLatin1String("x11"))
+        return std::make_unique<X11GlobalHotkey>();
+    return std::make_unique<NullGlobalHotkey>();
+}
+
+std::unique_ptr<WindowActivator> createWindowActivator() {
+    if (name() == QLatin1String("x11"))
+        return std::make_unique<X11WindowActivator>();
+    return std::make_unique<NullWindowActivator>();
+}
+
+} // namespace PlatformBackend

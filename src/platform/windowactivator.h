@@ -1,0 +1,16 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QtGui/qwindowdefs.h>
+
+// Asks the window manager to give a window the keyboard. Needed because window managers
+// refuse focus requests from a program that got no input of its own (ours came through a
+// global shortcut). GUI thread only.
+class WindowActivator {
+public:
+    virtual ~WindowActivator() = default;
+    // `timestamp` is the desktop time of the user action that caused it (0: current time).
+    virtual void activate(WId window, quint32 timestamp) = 0;
+    // The window that has the keyboard now, or 0 when unknown.
+    virtual WId activeWindow() const = 0;
+};

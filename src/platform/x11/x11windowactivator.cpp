@@ -1,0 +1,56 @@
+// SPDX-License-Identifier: MIT
+#include "platform/x11/x11windowactivator.h"
+
+#include <QGuiApplication>
+#include <xcb/xcb.h>
+
+namespace {
+
+xcb_atom_t atom(xcb_connection_t* c, const char* name) {
+    xcb_intern_atom_reply_t* reply =
+        xcb_intern_atom_reply(c, xcb_intern_atom(c, 0, std::uint16_t(strlen(name)), name), nullptr);
+    const xcb_atom_t result = reply ? reply->atom : xcb_atom_t(XCB_ATOM_NONE);
+    free(reply);
+    return result;
+}
+
+} // namespace
+
+X11WindowActivator::X11WindowActivator() {
+    auto* x11 = qGuiApp ? qGuiApp->nativeInterface<QNativeInterface::QX11Application>() : nullptr;
+    if (!x11 || !x11->connection())
+        return;
+    m_connection = x11->connection();
+    m_root = xcb_setup_roots_iterator(xcb_get_setup(m_connection)).data->root;
+    m_activeAtom = atom(m_connection, "_NET_ACTIVE_WINDOW");
+}
+
+void X11WindowActivator::activate(WId window, quint32 timestamp) {
+    if (!m_connection || !window)
+        return;
+    xcb_client_message_event_t event{};
+    event.response_type = XCB_CLIENT_MESSAGE;
+    event.format = 32;
+    event.window = xcb_window_t(window);
+    event.type = m_activeAtom;
+    event.data.data32[0] = 2; // source: pager
+    event.data.data32[1] = timestamp ? timestamp : XCB_CURRENT_TIME;
+    event.data.data32[2] = 0;
+    xcb_send_event(m_connection, 0, m_root,
+                   XCB_EVENT_MASK_SUBSTRUCTURE_NOTIFY | XCB_EVENT_MASK_SUBSTRUCTURE_REDIRECT,
+                   reinterpret_cast<const char*>(&event));
+    xcb_flush(m_connection);
+}
+
+WId X11WindowActivator::activeWindow() const {
+    if (!m_connection)
+        return 0;
+    xcb_get_property_reply_t* reply = xcb_get_property_reply(
+        m_connection,
+        xcb_get_property(m_connection, 0, m_root, m_activeAtom, XCB_ATOM_WINDOW, 0, 1), nullptr);
+    WId window = 0;
+    if (reply && xcb_get_property_value_length(reply) >= 4)
+        window = *static_cast<xcb_window_t*>(xcb_get_property_value(reply));
+    free(reply);
+    return window;
+}

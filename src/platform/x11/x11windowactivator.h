@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "platform/windowactivator.h"
+
+#include <cstdint>
+
+struct xcb_connection_t;
+
+// _NET_ACTIVE_WINDOW requests sent as a pager would (source 2), which EWMH window managers
+// honour without their focus-stealing checks.
+class X11WindowActivator : public WindowActivator {
+public:
+    X11WindowActivator();
+    void activate(WId window, quint32 timestamp) override;
+    WId activeWindow() const override;
+
+private:
+    xcb_connection_t* m_connection = nullptr;
+    std::uint32_t m_root = 0;
+    std::uint32_t m_activeAtom = 0;
+};
