@@ -9,6 +9,12 @@ CommandLine CommandLine::parse(const QStringList& arguments) {
         const QString& a = arguments[i];
         if (a == QLatin1String("--print-config")) {
             cl.printConfig = true;
+        } else if (a == QLatin1String("--bench")) {
+            cl.bench = true;
+        } else if (a == QLatin1String("--bench-prefetch")) {
+            cl.benchPrefetch = true;
+        } else if (a == QLatin1String("--usage-test")) {
+            cl.usageTest = true;
         } else if (a == QLatin1String("--show")) {
             cl.show = true;
         } else if (a == QLatin1String("--query") && i + 1 < arguments.size()) {

@@ -8,13 +8,18 @@
 struct CommandLine {
     bool printConfig = false;
     bool show = false;
+    bool bench = false;
+    bool benchPrefetch = false;
+    bool usageTest = false;
     QString query; // --query TEXT
     bool hasQuery = false;
     QStringList unknown;
 
     static CommandLine parse(const QStringList& arguments);
     // True when the mode prints and exits, so no display is needed.
-    bool isOneShot() const { return printConfig || hasQuery; }
+    bool isOneShot() const {
+        return printConfig || hasQuery || bench || benchPrefetch || usageTest;
+    }
 };
 
 // The lines of --print-config: catalog server, API base, and whether a cloud API is set.

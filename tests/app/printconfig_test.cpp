@@ -41,8 +41,9 @@ TEST(PrintConfig, PrintsTheThreeLinesForEachConfiguration) {
                                     "cloud api: false\n"));
 
     r = orvane(args, {{QStringLiteral("MEME_SERVER"), QStringLiteral("http://10.1.2.3:9000/cat")}});
-    EXPECT_EQ(r.out, QStringLiteral("files: http://10.1.2.3:9000/cat\napi: http://10.1.2.3:9000/cat\n"
-                                    "cloud api: false\n"));
+    EXPECT_EQ(r.out,
+              QStringLiteral("files: http://10.1.2.3:9000/cat\napi: http://10.1.2.3:9000/cat\n"
+                             "cloud api: false\n"));
 
     r = orvane(args, {{QStringLiteral("MEME_API"), QStringLiteral("https://api.example.org")}});
     EXPECT_EQ(r.out, QStringLiteral("files: http://127.0.0.1:8787\napi: https://api.example.org\n"
@@ -50,8 +51,10 @@ TEST(PrintConfig, PrintsTheThreeLinesForEachConfiguration) {
 }
 
 TEST(PrintConfig, EmptyServerVariableIsFatalWithAClearLine) {
-    const OrvaneRun r = orvane({QStringLiteral("--print-config")}, {{QStringLiteral("MEME_SERVER"), QString()}});
+    const OrvaneRun r =
+        orvane({QStringLiteral("--print-config")}, {{QStringLiteral("MEME_SERVER"), QString()}});
     EXPECT_NE(r.exitCode, 0);
     EXPECT_TRUE(r.out.isEmpty()) << r.out.toStdString();
-    EXPECT_EQ(r.err, QStringLiteral("orvane: configuration error: MEME_SERVER is not a valid URL: \"\"\n"));
+    EXPECT_EQ(r.err, QStringLiteral(
+                         "orvane: configuration error: MEME_SERVER is not a valid URL: \"\"\n"));
 }

@@ -7,7 +7,8 @@ int main(int argc, char** argv) {
     // Private XDG folders before anything reads them.
     QTemporaryDir root;
     const QByteArray base = root.path().toUtf8();
-    for (const char* name : {"XDG_DATA_HOME", "XDG_CACHE_HOME", "XDG_CONFIG_HOME", "XDG_STATE_HOME"})
+    for (const char* name :
+         {"XDG_DATA_HOME", "XDG_CACHE_HOME", "XDG_CONFIG_HOME", "XDG_STATE_HOME"})
         qputenv(name, base + '/' + name);
     qputenv("GLIMMET_TEST_ROOT", base);
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))

@@ -1,0 +1,301 @@
+// SPDX-License-Identifier: MIT
+#include "app/appdelegate.h"
+
+#include "app/autostart.h"
+#include "app/hotkeyrecorder.h"
+#include "app/panelcontroller.h"
+#include "base/apppaths.h"
+#include "base/logcategories.h"
+#include "catalog/catalogfetcher.h"
+#include "catalog/catalogloader.h"
+#include "catalog/debugflags.h"
+#include "catalog/imageconversion.h"
+#include "catalog/memestore.h"
+#include "catalog/thumbnailcache.h"
+#include "collections/servercollections.h"
+#include "platform/globalhotkey.h"
+#include "platform/platformbackend.h"
+#include "search/localindex.h"
+#include "search/pickermodel.h"
+#include "telemetry/metrics.h"
+#include "ui/pickerpanel.h"
+#include "userdata/userdata.h"
+
+#include <QActionGroup>
+#include <QApplication>
+#include <QDesktopServices>
+#include <QMenu>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QStyle>
+#include <QSystemTrayIcon>
+#include <QUrl>
+
+namespace {
+
+const QList<HotKeyCombo> hotKeyPresets = {
+    HotKeyCombo::defaultCombo(),
+    {46, HotKeyCombo::controlMask | HotKeyCombo::altMask, QStringLiteral("Ctrl+Alt+M")},
+    {49, HotKeyCombo::controlMask | HotKeyCombo::shiftMask, QStringLiteral("Ctrl+Shift+Space")},
+    {49, HotKeyCombo::controlMask | HotKeyCombo::altMask, QStringLiteral("Ctrl+Alt+Space")},
+};
+
+const QString hiddenTrayMessage =
+    QStringLiteral("Your desktop shows no tray icons, so the Orvane icon is hidden. Use ⋯ in the "
+                   "panel for the menu.");
+
+// A group of exclusive, checkable choices writing one setting.
+template <typename Value>
+void addChoices(QMenu* menu, const QList<std::pair<QString, Value>>& choices, const Value& current,
+                const std::function<void(const Value&)>& choose) {
+    auto* group = new QActionGroup(menu);
+    for (const auto& [title, value] : choices) {
+        QAction* action = menu->addAction(title);
+        action->setCheckable(true);
+        action->setChecked(value == current);
+        group->addAction(action);
+        QObject::connect(action, &QAction::triggered, menu, [choose, value] { choose(value); });
+    }
+}
+
+QIcon trayIcon() {
+    QIcon icon = QIcon::fromTheme(QStringLiteral("face-smile"));
+    if (icon.isNull())
+        icon = QApplication::style()->standardIcon(QStyle::SP_DialogYesButton);
+    return icon;
+}
+
+} // namespace
+
+AppDelegate::AppDelegate(CommandLine commandLine, QObject* parent)
+    : QObject(parent), m_commandLine(std::move(commandLine)) {}
+
+AppDelegate::~AppDelegate() {
+    // The panel refers to the model and the thumbnail cache: it goes first.
+    m_panel.reset();
+    m_tray.reset();
+}
+
+void AppDelegate::start() {
+    m_userData = std::make_unique<UserData>();
+    MemeStore::Options options = MemeStore::Options::fromConfiguration();
+    options.convertToPNG = ImageConversion::makePNG;
+    m_store = std::make_unique<MemeStore>(std::move(options));
+    m_thumbnails = std::make_unique<ThumbnailCache>(*m_store);
+    m_picker = std::make_unique<PickerModel>(m_store.get(), m_userData.get());
+    m_panel =
+        std::make_unique<PanelController>(*m_picker, *m_store, m_thumbnails.get(), *m_userData);
+    m_panel->panel()->setMenuBuilder([this](QMenu* menu) { buildMenu(menu); });
+    setUpTrayIcon();
+
+    m_hotkey = PlatformBackend::createGlobalHotkey();
+    connect(m_hotkey.get(), &GlobalHotkey::pressed, this,
+            [this](quint32 timestamp) { m_panel->toggle(timestamp); });
+    m_recorder = std::make_unique<HotKeyRecorder>();
+    registerHotKey();
+
+    m_fetcher = std::make_unique<CatalogFetcher>(DebugFlags::serverURL());
+    m_loader = std::make_unique<CatalogLoader>(m_fetcher.get(), AppPaths::dataDir());
+    connect(m_loader.get(), &CatalogLoader::indexLoaded, this,
+            [this](std::shared_ptr<LocalIndex> index, MemeList items, QString) {
+                m_picker->setIndex(std::move(index), items);
+            });
+    connect(m_loader.get(), &CatalogLoader::indexFailed, this,
+            [this](QString message) { m_picker->showLoadFailure(message); });
+    connect(m_loader.get(), &CatalogLoader::collectionsChanged, this,
+            &AppDelegate::applyCollections);
+    reloadIndex();
+    reloadCollections();
+
+    connect(DebugFlags::notifier(), &DebugFlagsNotifier::didChange, this,
+            &AppDelegate::onSettingsChanged, Qt::QueuedConnection);
+
+    if (!m_tray) {
+        // Without a tray the menu lives behind ⋯: say so the first time the panel opens.
+        connect(
+            m_panel.get(), &PanelController::shown, this,
+            [this] { m_panel->panel()->showToast(hiddenTrayMessage, Toast::Kind::guidance); },
+            Qt::SingleShotConnection);
+    }
+    if (m_commandLine.show)
+        m_panel->show();
+}
+
+void AppDelegate::setUpTrayIcon() {
+    const bool available = QSystemTrayIcon::isSystemTrayAvailable();
+    Metrics::log(QStringLiteral("status_item"), {{"hidden", !available}});
+    if (!available) {
+        qCInfo(lcApp).noquote() << hiddenTrayMessage;
+        return;
+    }
+    m_tray = std::make_unique<QSystemTrayIcon>(trayIcon());
+    m_tray->setToolTip(QStringLiteral("Orvane"));
+    m_trayMenu = std::make_unique<QMenu>();
+    // Rebuilt each time it opens, so it always shows the current settings.
+    connect(m_trayMenu.get(), &QMenu::aboutToShow, this, [this] {
+        m_trayMenu->clear();
+        buildMenu(m_trayMenu.get());
+    });
+    m_tray->setContextMenu(m_trayMenu.get());
+    connect(m_tray.get(), &QSystemTrayIcon::activated, this,
+            [this](QSystemTrayIcon::ActivationReason reason) {
+                if (reason == QSystemTrayIcon::Trigger)
+                    m_panel->toggle();
+            });
+    m_tray->show();
+}
+
+void AppDelegate::reloadIndex() {
+    m_loader->reloadIndex();
+}
+
+void AppDelegate::reloadCollections() {
+    m_loader->reloadCollections();
+}
+
+void AppDelegate::applyCollections() {
+    if (m_loader->adminCollections().isEmpty())
+        return; // the tab keeps saying the collections are loading
+    m_collections = std::make_shared<ServerCollections>(m_loader->adminCollections(),
+                                                        m_loader->adminStickers());
+    m_picker->setCollections(m_collections);
+    Metrics::log(QStringLiteral("collections_loaded"),
+                 {{"collections", m_loader->adminCollections().size()}, {"mine", 0}});
+}
+
+bool AppDelegate::registerHotKey() {
+    const HotKeyCombo combo = DebugFlags::hotKey();
+    m_registeredHotKey = combo;
+    const bool ok = m_hotkey->registerCombo(combo);
+    Metrics::log(QStringLiteral("hotkey_registered"),
+                 {{"combo", combo.label.toStdString()}, {"ok", ok}});
+    if (!ok && m_hotkey->canRegister())
+        notify(QStringLiteral("%1 is already used by another program. Choose another shortcut "
+                              "under Hotkey in the menu.")
+                   .arg(combo.label));
+    return ok;
+}
+
+void AppDelegate::recordHotKey() {
+    m_recorder->record([](std::optional<HotKeyCombo> combo) {
+        if (combo)
+            DebugFlags::setHotKey(*combo); // the settings observer registers it
+    });
+}
+
+void AppDelegate::onSettingsChanged() {
+    const bool stress = DebugFlags::settings().boolean(QStringLiteral("stressIndex"));
+    if (m_loader->loadedStress() != stress)
+        reloadIndex();
+    if (DebugFlags::hotKey() != m_registeredHotKey)
+        registerHotKey();
+}
+
+void AppDelegate::notify(const QString& text) {
+    if (m_panel && m_panel->isVisible())
+        m_panel->panel()->showToast(text, Toast::Kind::error);
+    else if (m_tray)
+        m_tray->showMessage(QStringLiteral("Orvane"), text, QSystemTrayIcon::Warning);
+    qCWarning(lcApp).noquote() << text;
+}
+
+void AppDelegate::clearUsageHistory() {
+    QMessageBox box;
+    box.setIcon(QMessageBox::Question);
+    box.setText(QStringLiteral("Clear recent and most used?"));
+    box.setInformativeText(QStringLiteral("Forgets which memes you used and how often. Favorites "
+                                          "and your imported collections stay."));
+    QPushButton* clear = box.addButton(QStringLiteral("Clear"), QMessageBox::AcceptRole);
+    box.addButton(QStringLiteral("Cancel"), QMessageBox::RejectRole);
+    box.setDefaultButton(clear);
+    box.raise();
+    box.activateWindow();
+    box.exec();
+    if (box.clickedButton() != static_cast<QAbstractButton*>(clear))
+        return;
+    m_userData->clearHistory();
+    m_picker->resetWindowAndRerun();
+}
+
+void AppDelegate::resetPickerSize() {
+    DebugFlags::settings().remove(QStringLiteral("panelWidth"));
+    DebugFlags::settings().remove(QStringLiteral("panelHeight"));
+    if (m_panel->isVisible())
+        m_panel->panel()->resize(PickerPanel::defaultSize);
+}
+
+void AppDelegate::buildMenu(QMenu* menu) {
+    // Hotkey presets, the current one checked; a recorded one that is no preset is listed too.
+    QMenu* hotkey = menu->addMenu(QStringLiteral("Hotkey"));
+    const HotKeyCombo current = DebugFlags::hotKey();
+    QList<std::pair<QString, HotKeyCombo>> presets;
+    for (const HotKeyCombo& preset : hotKeyPresets)
+        presets.append({preset.label, preset});
+    if (!hotKeyPresets.contains(current))
+        presets.append({current.label + QStringLiteral("  (custom)"), current});
+    addChoices<HotKeyCombo>(hotkey, presets, current,
+                            [](const HotKeyCombo& combo) { DebugFlags::setHotKey(combo); });
+    hotkey->addSeparator();
+    hotkey->addAction(QStringLiteral("Record custom shortcut…"), this, &AppDelegate::recordHotKey);
+
+    QAction* login = menu->addAction(QStringLiteral("Launch at login"));
+    login->setCheckable(true);
+    login->setChecked(Autostart::isEnabled());
+    connect(login, &QAction::triggered, this, [this](bool on) {
+        QString error;
+        if (!Autostart::setEnabled(on, QCoreApplication::applicationFilePath(), &error))
+            notify(QStringLiteral("Launch at login failed: ") + error);
+    });
+
+    QMenu* cache = menu->addMenu(QStringLiteral("Image cache limit"));
+    addChoices<std::int64_t>(cache,
+                             {{QStringLiteral("100 MB"), 100},
+                              {QStringLiteral("500 MB"), 500},
+                              {QStringLiteral("2000 MB"), 2000}},
+                             DebugFlags::cacheMB(), [this](const std::int64_t& mb) {
+                                 DebugFlags::setCacheMB(mb);
+                                 m_store->trimFullCache();
+                             });
+
+    if (DebugFlags::showDebug()) {
+        QMenu* debug = menu->addMenu(QStringLiteral("Debug / A-B tests"));
+        const auto toggle = [&](const QString& title, const QString& key) {
+            QAction* action = debug->addAction(title);
+            action->setCheckable(true);
+            action->setChecked(DebugFlags::settings().boolean(key));
+            connect(action, &QAction::triggered, this,
+                    [key](bool on) { DebugFlags::setValue(key, on); });
+        };
+        toggle(QStringLiteral("10,000-item stress index"), QStringLiteral("stressIndex"));
+        toggle(QStringLiteral("Activating panel (A/B)"), QStringLiteral("activatingMode"));
+        addChoices<DragPayload>(debug->addMenu(QStringLiteral("Drag payload")),
+                                {{QStringLiteral("A: file URL only"), DragPayload::a},
+                                 {QStringLiteral("B: file URL + PNG"), DragPayload::b},
+                                 {QStringLiteral("JPEG only (smallest, fastest)"), DragPayload::c}},
+                                DebugFlags::dragPayload(),
+                                [](const DragPayload& p) { DebugFlags::setDragPayload(p); });
+        addChoices<PastePayload>(debug->addMenu(QStringLiteral("Paste payload")),
+                                 {{QStringLiteral("PNG only"), PastePayload::pngOnly},
+                                  {QStringLiteral("PNG + TIFF"), PastePayload::pngTiff},
+                                  {QStringLiteral("File URL + PNG"), PastePayload::fileURLPng},
+                                  {QStringLiteral("JPEG only"), PastePayload::jpegOnly}},
+                                 DebugFlags::pastePayload().value_or(PastePayload::pngOnly),
+                                 [](const PastePayload& p) { DebugFlags::setPastePayload(p); });
+        addChoices<std::int64_t>(debug->addMenu(QStringLiteral("Clipboard restore delay")),
+                                 {{QStringLiteral("300 ms"), 300},
+                                  {QStringLiteral("600 ms"), 600},
+                                  {QStringLiteral("1000 ms"), 1000}},
+                                 DebugFlags::restoreDelayMs(),
+                                 [](const std::int64_t& ms) { DebugFlags::setRestoreDelayMs(ms); });
+        debug->addAction(QStringLiteral("Open metrics log"), this,
+                         [] { QDesktopServices::openUrl(QUrl::fromLocalFile(Metrics::url())); });
+        debug->addAction(QStringLiteral("Clear image cache"), this,
+                         [this] { m_store->clearCache(); });
+    }
+
+    menu->addSeparator();
+    menu->addAction(QStringLiteral("Reset picker size"), this, &AppDelegate::resetPickerSize);
+    menu->addAction(QStringLiteral("Clear recent and most used…"), this,
+                    &AppDelegate::clearUsageHistory);
+    menu->addAction(QStringLiteral("Quit"), qApp, &QCoreApplication::quit);
+}

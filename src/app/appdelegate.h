@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "app/commandline.h"
+#include "catalog/hotkeycombo.h"
+
+#include <QObject>
+#include <memory>
+#include <optional>
+
+class CatalogFetcher;
+class CatalogLoader;
+class GlobalHotkey;
+class HotKeyRecorder;
+class MemeStore;
+class PanelController;
+class PickerModel;
+class QMenu;
+class QSystemTrayIcon;
+class ThumbnailCache;
+class UserData;
+class ServerCollections;
+
+// The resident application: owns the catalog, the image cache, user data, the picker model
+// and panel, the tray icon and the global hotkey for the life of the process, and wires
+// them together. GUI thread only.
+class AppDelegate : public QObject {
+    Q_OBJECT
+public:
+    explicit AppDelegate(CommandLine commandLine, QObject* parent = nullptr);
+    ~AppDelegate() override;
+
+    // The start-up sequence: tray, hotkey, catalog and collections, settings observer.
+    void start();
+
+    void reloadIndex();
+    void reloadCollections();
+    void applyCollections();
+    bool registerHotKey();
+    void recordHotKey();
+    void clearUsageHistory();
+    void resetPickerSize();
+    // Shows an error line in the panel when it is open, else on the tray icon.
+    void notify(const QString& text);
+
+    // Fills `menu` with the current items; used by the tray icon and the panel's ⋯ button.
+    void buildMenu(QMenu* menu);
+
+    PanelController& panelController() const { return *m_panel; }
+    PickerModel& pickerModel() const { return *m_picker; }
+    MemeStore& memeStore() const { return *m_store; }
+    HotKeyRecorder& hotKeyRecorder() const { return *m_recorder; }
+    // The shortcut last handed to the desktop (registered or refused).
+    std::optional<HotKeyCombo> registeredHotKey() const { return m_registeredHotKey; }
+
+private:
+    void onSettingsChanged();
+    void setUpTrayIcon();
+
+    CommandLine m_commandLine;
+    std::unique_ptr<UserData> m_userData;
+    std::unique_ptr<MemeStore> m_store;
+    std::unique_ptr<ThumbnailCache> m_thumbnails;
+    std::unique_ptr<PickerModel> m_picker;
+    std::unique_ptr<PanelController> m_panel;
+    std::unique_ptr<CatalogFetcher> m_fetcher;
+    std::unique_ptr<CatalogLoader> m_loader;
+    std::shared_ptr<ServerCollections> m_collections;
+    std::unique_ptr<GlobalHotkey> m_hotkey;
+    std::unique_ptr<HotKeyRecorder> m_recorder;
+    std::unique_ptr<QSystemTrayIcon> m_tray;
+    std::unique_ptr<QMenu> m_trayMenu;
+    std::optional<HotKeyCombo> m_registeredHotKey;
+};

@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "catalog/meme.h"
+
+#include <QObject>
+#include <QtGui/qwindowdefs.h>
+#include <memory>
+
+class MemeStore;
+class PickerModel;
+class PickerPanel;
+class ThumbnailCache;
+class UserData;
+class WindowActivator;
+
+// Shows and hides the picker panel and takes the chosen item from it. Created once; the
+// panel is built at construction so showing it later costs no disk or network work.
+class PanelController : public QObject {
+    Q_OBJECT
+public:
+    PanelController(PickerModel& model, MemeStore& store, ThumbnailCache* thumbnails,
+                    UserData& userData, QObject* parent = nullptr);
+    ~PanelController() override;
+
+    PickerPanel* panel() const { return m_panel.get(); }
+    bool isVisible() const;
+    // Whether the desktop has given the panel the keyboard.
+    bool panelHasKeyboard() const;
+    // Shows the panel (or hides it when it is already showing, for the hotkey).
+    // `timestamp` is the desktop time of the key press that asked for it.
+    void toggle(quint32 timestamp = 0);
+    void show(quint32 timestamp = 0);
+    void hide();
+
+    // Puts the item's full image on the clipboard as PNG and records the pick.
+    void insert(const Meme& meme);
+    bool isInserting() const { return m_inserting; }
+
+signals:
+    void shown();
+    // The item's image is on the clipboard.
+    void inserted(const Meme& meme);
+
+private:
+    PickerModel& m_model;
+    MemeStore& m_store;
+    UserData& m_userData;
+    std::unique_ptr<WindowActivator> m_activator;
+    std::unique_ptr<PickerPanel> m_panel;
+    // The window that had the keyboard before the panel opened.
+    WId m_previousWindow = 0;
+    int m_activationTries = 0;
+    bool m_inserting = false;
+};

@@ -1,0 +1,309 @@
+// SPDX-License-Identifier: MIT
+#include "ui/pickerpanel.h"
+
+#include "catalog/debugflags.h"
+#include "search/pickermodel.h"
+#include "ui/resultsgridmodel.h"
+#include "ui/thumbnaildelegate.h"
+
+#include <QApplication>
+#include <QHBoxLayout>
+#include <QKeyEvent>
+#include <QLabel>
+#include <QLineEdit>
+#include <QListView>
+#include <QMenu>
+#include <QPainter>
+#include <QScreen>
+#include <QScrollBar>
+#include <QSizeGrip>
+#include <QTabBar>
+#include <QToolButton>
+#include <QVBoxLayout>
+#include <QWindow>
+
+namespace {
+
+const QString widthKey = QStringLiteral("panelWidth");
+const QString heightKey = QStringLiteral("panelHeight");
+
+const char* tabTitles[] = {"Memes", "Collections", "Recent", "Mine"};
+
+} // namespace
+
+PickerPanel::PickerPanel(PickerModel& model, ThumbnailCache* thumbnails, QWidget* parent)
+    : QWidget(parent, Qt::Tool | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint),
+      m_model(model) {
+    setObjectName(QStringLiteral("PickerPanel"));
+    setWindowTitle(QStringLiteral("Orvane"));
+    setAttribute(Qt::WA_TranslucentBackground, false);
+    setMinimumSize(360, 280);
+
+    m_search = new QLineEdit(this);
+    m_search->setObjectName(QStringLiteral("search"));
+    m_search->setClearButtonEnabled(true);
+    m_search->installEventFilter(this);
+    QFont searchFont = m_search->font();
+    searchFont.setPointSizeF(searchFont.pointSizeF() * 1.25);
+    m_search->setFont(searchFont);
+
+    m_menuButton = new QToolButton(this);
+    m_menuButton->setText(QStringLiteral("⋯"));
+    m_menuButton->setToolTip(QStringLiteral("Menu"));
+    m_menuButton->setAutoRaise(true);
+    m_menuButton->setFocusPolicy(Qt::NoFocus);
+    connect(m_menuButton, &QToolButton::clicked, this, &PickerPanel::popUpMenu);
+
+    m_tabs = new QTabBar(this);
+    m_tabs->setObjectName(QStringLiteral("tabs"));
+    m_tabs->setFocusPolicy(Qt::NoFocus);
+    m_tabs->setDrawBase(false);
+    m_tabs->setExpanding(false);
+    for (const char* title : tabTitles)
+        m_tabs->addTab(QString::fromLatin1(title));
+
+    m_gridModel = new ResultsGridModel(m_model, thumbnails, this);
+    m_delegate = new ThumbnailDelegate(this);
+    m_grid = new QListView(this);
+    m_grid->setObjectName(QStringLiteral("grid"));
+    m_grid->setViewMode(QListView::IconMode);
+    m_grid->setFlow(QListView::LeftToRight);
+    m_grid->setWrapping(true);
+    m_grid->setResizeMode(QListView::Adjust);
+    m_grid->setMovement(QListView::Static);
+    m_grid->setUniformItemSizes(true);
+    m_grid->setSelectionMode(QAbstractItemView::SingleSelection);
+    m_grid->setFocusPolicy(Qt::NoFocus); // the search field keeps the keyboard
+    m_grid->setVerticalScrollMode(QAbstractItemView::ScrollPerPixel);
+    m_grid->setFrameShape(QFrame::NoFrame);
+    m_grid->setItemDelegate(m_delegate);
+    m_grid->setModel(m_gridModel);
+
+    m_status = new QLabel(this);
+    m_status->setObjectName(QStringLiteral("status"));
+    m_status->setForegroundRole(QPalette::PlaceholderText);
+    m_status->setTextInteractionFlags(Qt::NoTextInteraction);
+
+    auto* top = new QHBoxLayout;
+    top->addWidget(m_search, 1);
+    top->addWidget(m_menuButton);
+    auto* bottom = new QHBoxLayout;
+    bottom->addWidget(m_status, 1);
+    bottom->addWidget(new QSizeGrip(this), 0, Qt::AlignBottom | Qt::AlignRight);
+    auto* layout = new QVBoxLayout(this);
+    layout->setContentsMargins(10, 10, 10, 4);
+    layout->setSpacing(6);
+    layout->addLayout(top);
+    layout->addWidget(m_tabs);
+    layout->addWidget(m_grid, 1);
+    layout->addLayout(bottom);
+
+    m_toast = new Toast(this);
+
+    // Model → view.
+    connect(&m_model, &PickerModel::statusChanged, this,
+            [this] { m_status->setText(m_model.status()); });
+    connect(&m_model, &PickerModel::placeholderChanged, this,
+            [this] { m_search->setPlaceholderText(m_model.placeholder()); });
+    connect(&m_model, &PickerModel::queryChanged, this, [this] {
+        if (m_search->text() != m_model.query())
+            m_search->setText(m_model.query());
+    });
+    connect(&m_model, &PickerModel::tabChanged, this, &PickerPanel::syncTab);
+    connect(&m_model, &PickerModel::selectedChanged, this, &PickerPanel::syncSelection);
+    connect(&m_model, &PickerModel::resultsChanged, this, &PickerPanel::syncSelection);
+    connect(&m_model, &PickerModel::collectionListChanged, this, &PickerPanel::syncSelection);
+    connect(&m_model, &PickerModel::focusRequested, this, [this] { m_search->setFocus(); });
+
+    // View → model.
+    connect(m_search, &QLineEdit::textEdited, &m_model, &PickerModel::searchTextEdited);
+    connect(m_tabs, &QTabBar::currentChanged, this, [this](int tab) {
+        if (tab != int(m_model.tab()))
+            m_model.switchTab(PickerModel::Tab(tab));
+    });
+    connect(m_grid, &QListView::clicked, this,
+            [this](const QModelIndex& index) { m_model.select(index.row()); });
+    connect(m_grid, &QListView::doubleClicked, this, [this](const QModelIndex& index) {
+        m_model.select(index.row());
+        m_model.insertSelected();
+    });
+    connect(m_grid->verticalScrollBar(), &QScrollBar::valueChanged, this,
+            &PickerPanel::requestMoreIfNeeded);
+
+    // WORKAROUND: QWidget::isActiveWindow() can stay false after a hide/show cycle under
+    // some window managers although the window has the keyboard; the focus window is reliable.
+    connect(qGuiApp, &QGuiApplication::focusWindowChanged, this,
+            &PickerPanel::onFocusWindowChanged);
+
+    m_status->setText(m_model.status());
+    m_search->setPlaceholderText(m_model.placeholder());
+    syncTab();
+    resize(storedSize());
+}
+
+PickerPanel::~PickerPanel() = default;
+
+QSize PickerPanel::storedSize() {
+    const auto width = DebugFlags::settings().integer(widthKey);
+    const auto height = DebugFlags::settings().integer(heightKey);
+    if (!width || !height || *width < 200 || *height < 200)
+        return defaultSize;
+    return QSize(int(*width), int(*height));
+}
+
+void PickerPanel::present() {
+    // The screen the user is looking at: the one with the pointer.
+    const QScreen* screen = QGuiApplication::screenAt(QCursor::pos());
+    if (!screen)
+        screen = QGuiApplication::primaryScreen();
+    const QRect area = screen->availableGeometry();
+    QSize size = storedSize().boundedTo(area.size() - QSize(40, 40));
+    resize(size);
+    move(area.left() + (area.width() - size.width()) / 2,
+         area.top() + (area.height() - size.height()) / 4);
+    m_hadKeyboard = false;
+    show();
+    raise();
+    activateWindow();
+    m_search->setFocus(Qt::ActiveWindowFocusReason);
+    m_search->selectAll();
+    syncSelection();
+}
+
+void PickerPanel::syncTab() {
+    const QSignalBlocker block(m_tabs);
+    m_tabs->setCurrentIndex(int(m_model.tab()));
+}
+
+void PickerPanel::syncSelection() {
+    const int row = m_model.selected();
+    if (row < 0 || row >= m_gridModel->rowCount()) {
+        m_grid->clearSelection();
+        return;
+    }
+    const QModelIndex index = m_gridModel->index(row);
+    m_grid->selectionModel()->setCurrentIndex(index, QItemSelectionModel::ClearAndSelect);
+    m_grid->scrollTo(index);
+    requestMoreIfNeeded();
+}
+
+void PickerPanel::updateColumns() {
+    const int width = m_grid->viewport()->width();
+    const int columns = qMax(1, width / minimumCell);
+    // Whole cells only, so arrow keys move by exactly one row.
+    const int cell = qMax(1, width / columns);
+    m_delegate->setCellSize(QSize(cell, cell));
+    m_grid->setGridSize(QSize(cell, cell));
+    m_model.setColumns(columns);
+}
+
+void PickerPanel::requestMoreIfNeeded() {
+    const QRect viewport = m_grid->viewport()->rect();
+    QModelIndex last = m_grid->indexAt(viewport.bottomRight() - QPoint(2, 2));
+    if (!last.isValid())
+        last = m_gridModel->index(m_gridModel->rowCount() - 1);
+    if (last.isValid())
+        m_model.loadMoreIfNeeded(last.row());
+}
+
+bool PickerPanel::eventFilter(QObject* watched, QEvent* event) {
+    if (watched == m_search && event->type() == QEvent::KeyPress)
+        return handleKey(static_cast<QKeyEvent*>(event));
+    return QWidget::eventFilter(watched, event);
+}
+
+bool PickerPanel::handleKey(QKeyEvent* event) {
+    const Qt::KeyboardModifiers mods = event->modifiers() & ~Qt::KeypadModifier;
+    switch (event->key()) {
+    case Qt::Key_Left:
+        // Inside text the caret moves; the grid only takes the arrow at the edges.
+        if (!m_search->text().isEmpty() && m_search->cursorPosition() > 0)
+            return false;
+        m_model.moveBy(-1);
+        return true;
+    case Qt::Key_Right:
+        if (!m_search->text().isEmpty() && m_search->cursorPosition() < m_search->text().size())
+            return false;
+        m_model.moveBy(1);
+        return true;
+    case Qt::Key_Up:
+        m_model.moveBy(-m_model.columns());
+        return true;
+    case Qt::Key_Down:
+        m_model.moveBy(m_model.columns());
+        return true;
+    case Qt::Key_Tab:
+        m_model.nextTab();
+        return true;
+    case Qt::Key_Backtab:
+        m_model.previousTab();
+        return true;
+    case Qt::Key_Return:
+    case Qt::Key_Enter:
+        m_model.insertSelected();
+        return true;
+    case Qt::Key_Escape:
+        if (!m_model.handleEscape())
+            hide();
+        return true;
+    case Qt::Key_D:
+        if (mods == Qt::ControlModifier) {
+            m_model.toggleFavoriteOfSelected();
+            return true;
+        }
+        return false;
+    default:
+        return false;
+    }
+}
+
+void PickerPanel::onFocusWindowChanged(QWindow* window) {
+    if (!isVisible())
+        return;
+    if (window && window == windowHandle()) {
+        m_hadKeyboard = true;
+        return;
+    }
+    // Clicking elsewhere dismisses the picker, but not our own ⋯ menu or a dialog of ours,
+    // and not the shuffle of focus while the window manager is still handing it over.
+    if (m_hadKeyboard && !m_menuOpen && !QApplication::activePopupWidget() &&
+        !QApplication::activeModalWidget())
+        hide();
+}
+
+void PickerPanel::hideEvent(QHideEvent* event) {
+    QWidget::hideEvent(event);
+    m_toast->hide();
+    emit dismissed();
+}
+
+void PickerPanel::resizeEvent(QResizeEvent* event) {
+    QWidget::resizeEvent(event);
+    updateColumns();
+    if (isVisible() && size() != storedSize()) {
+        DebugFlags::settings().set(widthKey, width());
+        DebugFlags::settings().set(heightKey, height());
+    }
+}
+
+void PickerPanel::paintEvent(QPaintEvent*) {
+    // A frameless window draws its own edge.
+    QPainter painter(this);
+    painter.fillRect(rect(), palette().color(QPalette::Window));
+    painter.setPen(palette().color(QPalette::Mid));
+    painter.drawRect(rect().adjusted(0, 0, -1, -1));
+}
+
+void PickerPanel::popUpMenu() {
+    if (!m_buildMenu)
+        return;
+    QMenu menu(this);
+    m_buildMenu(&menu);
+    m_menuOpen = true;
+    menu.exec(m_menuButton->mapToGlobal(QPoint(0, m_menuButton->height())));
+    m_menuOpen = false;
+    if (isVisible()) {
+        activateWindow();
+        m_search->setFocus();
+    }
+}

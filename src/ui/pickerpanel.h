@@ -1,0 +1,74 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "ui/toast.h"
+
+#include <QWidget>
+#include <functional>
+
+class PickerModel;
+class QLabel;
+class QLineEdit;
+class QListView;
+class QMenu;
+class QTabBar;
+class QToolButton;
+class QWindow;
+class ResultsGridModel;
+class ThumbnailCache;
+class ThumbnailDelegate;
+
+// The floating picker: search field, tabs, the thumbnail grid, a status line and toasts.
+// A frameless, always-on-top tool window created once and shown on demand; showing it
+// touches neither the disk nor the network. Every key goes to the model; the panel only
+// draws what the model publishes.
+class PickerPanel : public QWidget {
+    Q_OBJECT
+public:
+    static constexpr QSize defaultSize{640, 460};
+    static constexpr int minimumCell = 112;
+
+    PickerPanel(PickerModel& model, ThumbnailCache* thumbnails, QWidget* parent = nullptr);
+    ~PickerPanel() override;
+
+    // Fills the ⋯ menu each time it opens (the same menu as the tray icon's).
+    void setMenuBuilder(std::function<void(QMenu*)> build) { m_buildMenu = std::move(build); }
+
+    // Shows the panel on the screen with the mouse pointer and gives it the keyboard.
+    void present();
+    void showToast(const QString& text, Toast::Kind kind) { m_toast->showMessage(text, kind); }
+    // The stored size, or the default.
+    static QSize storedSize();
+
+signals:
+    // The panel was hidden (Esc, focus loss or hide()).
+    void dismissed();
+
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override;
+    void hideEvent(QHideEvent* event) override;
+    void resizeEvent(QResizeEvent* event) override;
+    void paintEvent(QPaintEvent* event) override;
+
+private:
+    bool handleKey(QKeyEvent* event);
+    void syncTab();
+    void syncSelection();
+    void updateColumns();
+    void requestMoreIfNeeded();
+    void popUpMenu();
+    void onFocusWindowChanged(QWindow* window);
+
+    PickerModel& m_model;
+    ResultsGridModel* m_gridModel;
+    ThumbnailDelegate* m_delegate;
+    QLineEdit* m_search;
+    QTabBar* m_tabs;
+    QListView* m_grid;
+    QLabel* m_status;
+    QToolButton* m_menuButton;
+    Toast* m_toast;
+    std::function<void(QMenu*)> m_buildMenu;
+    bool m_menuOpen = false;
+    bool m_hadKeyboard = false;
+};

@@ -1,0 +1,103 @@
+// SPDX-License-Identifier: MIT
+#include "ui/resultsgridmodel.h"
+
+#include "catalog/thumbnailcache.h"
+#include "search/pickermodel.h"
+
+#include <QPointer>
+
+namespace {
+
+// Collection cards show their cover through the same cache as item thumbnails.
+Meme coverOf(const CollectionInfo& c) {
+    Meme m;
+    m.id = QStringLiteral("collection:") + c.id;
+    m.description = c.name_en.isEmpty() ? c.name : c.name_en;
+    m.thumb = c.cover;
+    m.full = c.cover;
+    return m;
+}
+
+} // namespace
+
+ResultsGridModel::ResultsGridModel(PickerModel& picker, ThumbnailCache* thumbnails, QObject* parent)
+    : QAbstractListModel(parent), m_picker(picker), m_thumbnails(thumbnails) {
+    connect(&m_picker, &PickerModel::resultsChanged, this, &ResultsGridModel::reset);
+    connect(&m_picker, &PickerModel::collectionListChanged, this, &ResultsGridModel::reset);
+    connect(&m_picker, &PickerModel::tabChanged, this, &ResultsGridModel::reset);
+    connect(&m_picker, &PickerModel::favoritesChanged, this, [this] {
+        if (rowCount() > 0)
+            emit dataChanged(index(0), index(rowCount() - 1), {FavoriteRole});
+    });
+}
+
+void ResultsGridModel::reset() {
+    beginResetModel();
+    endResetModel();
+}
+
+int ResultsGridModel::rowCount(const QModelIndex& parent) const {
+    return parent.isValid() ? 0 : m_picker.itemCount();
+}
+
+std::optional<Meme> ResultsGridModel::memeAt(int row) const {
+    if (m_picker.showingCollectionList()) {
+        const CollectionList& list = m_picker.collectionList();
+        return row >= 0 && row < list.size() ? std::optional(coverOf(list[row])) : std::nullopt;
+    }
+    const MemeList& results = m_picker.results();
+    return row >= 0 && row < results.size() ? std::optional(results[row]) : std::nullopt;
+}
+
+QVariant ResultsGridModel::data(const QModelIndex& index, int role) const {
+    const auto meme = memeAt(index.row());
+    if (!meme)
+        return {};
+    switch (role) {
+    case Qt::DisplayRole:
+    case Qt::ToolTipRole:
+    case Qt::AccessibleTextRole:
+        return meme->description.isEmpty() ? meme->template_ : meme->description;
+    case Qt::DecorationRole: {
+        const QPixmap pixmap = thumbnailFor(*meme);
+        return pixmap.isNull() ? QVariant() : QVariant(pixmap);
+    }
+    case LoadingRole:
+        return m_pending.contains(meme->id);
+    case FavoriteRole:
+        return !m_picker.showingCollectionList() && m_picker.isFavorite(meme->id);
+    case SectionTitleRole:
+        for (const auto& section : m_picker.recentSections())
+            if (section.start == index.row() && !section.items.isEmpty())
+                return section.title;
+        return {};
+    default:
+        return {};
+    }
+}
+
+QPixmap ResultsGridModel::thumbnailFor(const Meme& meme) const {
+    if (const QPixmap* cached = m_pixmaps.object(meme.id))
+        return *cached;
+    if (!m_thumbnails || m_pending.contains(meme.id) || m_missing.contains(meme.id))
+        return {};
+    m_pending.insert(meme.id);
+    QPointer<const ResultsGridModel> self(this);
+    const QString id = meme.id;
+    m_thumbnails->thumbnail(meme, [self, id](std::optional<QImage> image) {
+        if (!self)
+            return;
+        auto* model = const_cast<ResultsGridModel*>(self.data());
+        model->m_pending.remove(id);
+        if (image)
+            model->m_pixmaps.insert(id, new QPixmap(QPixmap::fromImage(*image)));
+        else
+            model->m_missing.insert(id);
+        // The list may have changed while the image was on its way: find the cell anew.
+        for (int row = 0; row < model->rowCount(); ++row)
+            if (const auto m = model->memeAt(row); m && m->id == id)
+                emit model->dataChanged(model->index(row), model->index(row),
+                                        {Qt::DecorationRole, LoadingRole});
+    });
+    return {};
+}

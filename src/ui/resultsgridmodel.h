@@ -1,0 +1,41 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "catalog/meme.h"
+
+#include <QAbstractListModel>
+#include <QCache>
+#include <QPixmap>
+#include <QSet>
+
+class PickerModel;
+class ThumbnailCache;
+
+// Presents the picker's cells (results, or the collection list) to a QListView. Thumbnails
+// are asked for only when a cell is painted, so only visible cells cost anything; until one
+// arrives the cell has no decoration and the delegate draws a placeholder.
+class ResultsGridModel : public QAbstractListModel {
+    Q_OBJECT
+public:
+    enum Role {
+        FavoriteRole = Qt::UserRole + 1, // bool
+        SectionTitleRole,                // QString on the first cell of a Recent section
+        LoadingRole,                     // bool: the thumbnail is on its way
+    };
+
+    ResultsGridModel(PickerModel& picker, ThumbnailCache* thumbnails, QObject* parent = nullptr);
+
+    int rowCount(const QModelIndex& parent = {}) const override;
+    QVariant data(const QModelIndex& index, int role) const override;
+
+private:
+    void reset();
+    std::optional<Meme> memeAt(int row) const;
+    QPixmap thumbnailFor(const Meme& meme) const;
+
+    PickerModel& m_picker;
+    ThumbnailCache* m_thumbnails;
+    mutable QCache<QString, QPixmap> m_pixmaps{400};
+    mutable QSet<QString> m_pending;
+    mutable QSet<QString> m_missing;
+};

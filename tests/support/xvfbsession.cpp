@@ -1,0 +1,89 @@
+// SPDX-License-Identifier: MIT
+#include "support/xvfbsession.h"
+
+#include <QDeadlineTimer>
+#include <QFileInfo>
+#include <QStandardPaths>
+#include <QThread>
+#include <unistd.h>
+
+XvfbSession::~XvfbSession() {
+    for (auto* p : {m_windowManager.get(), m_xvfb.get()})
+        if (p && p->state() != QProcess::NotRunning) {
+            p->terminate();
+            if (!p->waitForFinished(3000))
+                p->kill();
+            p->waitForFinished(1000);
+        }
+}
+
+bool XvfbSession::available(const QString& program) {
+    return !QStandardPaths::findExecutable(program).isEmpty();
+}
+
+bool XvfbSession::start(QString* why) {
+    for (const char* tool : {"Xvfb", "openbox", "xdotool"})
+        if (!available(QLatin1String(tool))) {
+            *why = QStringLiteral("%1 is not installed").arg(QLatin1String(tool));
+            return false;
+        }
+    // A display number no one else uses: start from one derived from our pid.
+    for (int attempt = 0; attempt < 20; ++attempt) {
+        const int number = 100 + (getpid() + attempt * 37) % 800;
+        if (QFileInfo::exists(QStringLiteral("/tmp/.X11-unix/X%1").arg(number)) ||
+            QFileInfo::exists(QStringLiteral("/tmp/.X%1-lock").arg(number)))
+            continue;
+        m_display = QStringLiteral(":%1").arg(number);
+        m_xvfb = std::make_unique<QProcess>();
+        m_xvfb->setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_xvfb->start(QStringLiteral("Xvfb"), {m_display, QStringLiteral("-screen"),
+                                               QStringLiteral("0"), QStringLiteral("1280x800x24"),
+                                               QStringLiteral("-nolisten"), QStringLiteral("tcp")});
+        const QDeadlineTimer deadline(10000);
+        const QString socket = QStringLiteral("/tmp/.X11-unix/X%1").arg(number);
+        while (!QFileInfo::exists(socket) && m_xvfb->state() != QProcess::NotRunning &&
+               !deadline.hasExpired())
+            QThread::msleep(20);
+        if (QFileInfo::exists(socket))
+            break;
+        m_xvfb.reset();
+    }
+    if (!m_xvfb) {
+        *why = QStringLiteral("Xvfb did not start");
+        return false;
+    }
+    qputenv("DISPLAY", m_display.toUtf8());
+    if (!run(QStringLiteral("xdotool"), {QStringLiteral("getmouselocation")})) {
+        *why = QStringLiteral("the X server on %1 does not answer").arg(m_display);
+        return false;
+    }
+    m_windowManager = std::make_unique<QProcess>();
+    m_windowManager->start(QStringLiteral("openbox"), {QStringLiteral("--sm-disable")});
+    m_windowManager->waitForStarted(5000);
+    // openbox is ready once it has claimed the window-manager selection.
+    const QDeadlineTimer deadline(10000);
+    QByteArray out;
+    while (!deadline.hasExpired()) {
+        if (run(QStringLiteral("xprop"),
+                {QStringLiteral("-root"), QStringLiteral("_NET_SUPPORTING_WM_CHECK")}, &out) &&
+            out.contains("window id"))
+            return true;
+        QThread::msleep(50);
+    }
+    *why = QStringLiteral("openbox did not start");
+    return false;
+}
+
+bool XvfbSession::run(const QString& program, const QStringList& args, QByteArray* out,
+                      int timeoutMs) {
+    QProcess p;
+    p.start(program, args);
+    if (!p.waitForFinished(timeoutMs)) {
+        p.kill();
+        p.waitForFinished(1000);
+        return false;
+    }
+    if (out)
+        *out = p.readAllStandardOutput();
+    return p.exitStatus() == QProcess::NormalExit && p.exitCode() == 0;
+}
