@@ -5,12 +5,14 @@ set -euo pipefail
 
 packages=(
     build-essential cmake ninja-build pkg-config git
-    qt6-base-dev qt6-image-formats-plugins libqt6svg6-dev
+    qt6-base-dev qt6-image-formats-plugins qt6-svg-dev
     libsqlite3-dev nlohmann-json3-dev libcpp-httplib-dev libssl-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     libxcb1-dev libxcb-xtest0-dev libxcb-keysyms1-dev libxcb-xfixes0-dev
     xvfb openbox xdotool xclip dbus-x11 x11-utils
 )
+# The demo catalog's art comes from the npm registry: any Node.js with npm will do.
+command -v npm >/dev/null || packages+=(npm)
 
 missing=()
 for p in "${packages[@]}"; do

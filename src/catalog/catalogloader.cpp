@@ -12,6 +12,7 @@
 
 #include <QElapsedTimer>
 #include <QFile>
+#include <QThreadPool>
 
 namespace {
 
@@ -49,8 +50,11 @@ bool CatalogLoader::reloadIndex() {
         return false;
     }
     const std::optional<QString> storedSignature = index->storedSignature();
-    if (const std::optional<MemeList> cached = index->loadCached(); cached && !cached->isEmpty())
+    if (const std::optional<MemeList> cached = index->loadCached(); cached && !cached->isEmpty()) {
         publish(index, *cached, stress, QStringLiteral("disk"), std::nullopt);
+        // Reads the keystroke path's in-memory tables now, so the first keystroke does not.
+        QThreadPool::globalInstance()->start([index] { index->prepareFastPath(); });
+    }
 
     m_fetcher->loadIndex(stress, this,
                          [this, stress, index, storedSignature](std::optional<MemeList> memes,
