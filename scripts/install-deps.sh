@@ -9,7 +9,7 @@ packages=(
     libsqlite3-dev nlohmann-json3-dev libcpp-httplib-dev libssl-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     libxcb1-dev libxcb-xtest0-dev libxcb-keysyms1-dev libxcb-xfixes0-dev
-    xvfb openbox xdotool xclip dbus-x11 x11-utils
+    xvfb openbox xdotool xclip dbus-x11 x11-utils fonts-dejavu-core
 )
 # The demo catalog's art comes from the npm registry: any Node.js with npm will do.
 command -v npm >/dev/null || packages+=(npm)

@@ -57,7 +57,7 @@ bool PanelController::isVisible() const {
 }
 
 bool PanelController::panelHasKeyboard() const {
-    return isVisible() && m_activator->activeWindow() == m_panel->winId() &&
+    return isVisible() && m_activator->keyboardFocus() == m_panel->winId() &&
            QGuiApplication::focusWindow() == m_panel->windowHandle();
 }
 
@@ -76,9 +76,9 @@ void PanelController::show(quint32 timestamp) {
     m_activationTries = 0;
     const auto ask = std::make_shared<std::function<void()>>();
     *ask = [this, timestamp, ask] {
-        // Asks the desktop, not Qt: Qt keeps a hidden window as its focus window until some
-        // other window takes the keyboard.
-        if (!m_panel->isVisible() || m_activator->activeWindow() == m_panel->winId() ||
+        // Asks the X server, not Qt or the window manager's property: both can still name the
+        // panel from before it was last hidden.
+        if (!m_panel->isVisible() || m_activator->keyboardFocus() == m_panel->winId() ||
             ++m_activationTries > 20)
             return;
         m_activator->activate(m_panel->winId(), timestamp);

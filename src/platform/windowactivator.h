@@ -11,6 +11,9 @@ public:
     virtual ~WindowActivator() = default;
     // `timestamp` is the desktop time of the user action that caused it (0: current time).
     virtual void activate(WId window, quint32 timestamp) = 0;
-    // The window that has the keyboard now, or 0 when unknown.
+    // The window the window manager calls active (it may still name a window that was just
+    // hidden), or 0 when unknown.
     virtual WId activeWindow() const = 0;
+    // The window that receives key presses right now, or 0 when unknown.
+    virtual WId keyboardFocus() const = 0;
 };

@@ -17,6 +17,23 @@ void ignoreSigpipe() {
     std::call_once(once, [] { std::signal(SIGPIPE, SIG_IGN); });
 }
 
+// The Accept-Encoding value without its brotli entry.
+std::string withoutBrotli(const std::string& accepted) {
+    std::string out;
+    std::size_t start = 0;
+    while (start <= accepted.size()) {
+        std::size_t end = accepted.find(',', start);
+        if (end == std::string::npos)
+            end = accepted.size();
+        std::string token = accepted.substr(start, end - start);
+        token.erase(0, token.find_first_not_of(' '));
+        if (!token.empty() && token.rfind("br", 0) != 0)
+            out += (out.empty() ? "" : ", ") + token;
+        start = end + 1;
+    }
+    return out;
+}
+
 bool readWholeFile(const std::filesystem::path& path, std::string& out) {
     std::ifstream in(path, std::ios::binary);
     if (!in)
@@ -30,6 +47,16 @@ bool readWholeFile(const std::filesystem::path& path, std::string& out) {
 CatalogServer::CatalogServer(const std::filesystem::path& root) : m_files(root) {
     ignoreSigpipe();
     m_http.set_default_headers({{"X-Content-Type-Options", "nosniff"}});
+    // WORKAROUND: Debian's cpp-httplib prefers brotli at its slowest setting, which takes
+    // seconds for a catalog-sized document (Qt asks for it); gzip is nearly as small and far
+    // faster. The request is ours to adjust before routing.
+    m_http.set_pre_routing_handler([](const httplib::Request& request, httplib::Response&) {
+        auto& headers = const_cast<httplib::Headers&>(request.headers);
+        const auto range = headers.equal_range("Accept-Encoding");
+        for (auto it = range.first; it != range.second; ++it)
+            it->second = withoutBrotli(it->second);
+        return httplib::Server::HandlerResponse::Unhandled;
+    });
     // httplib's default also sets SO_REUSEPORT, which lets a second server silently share a
     // port that is already taken. Keep only SO_REUSEADDR, for quick restarts.
     m_http.set_socket_options([](socket_t socket) {

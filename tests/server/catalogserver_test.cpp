@@ -160,3 +160,18 @@ TEST(CatalogServer, StopIsNeverLostWhenItRacesTheStart) {
         serving.join();
     }
 }
+
+TEST(CatalogServer, CompressesDocumentsWithGzipEvenWhenBrotliIsOffered) {
+    CatalogFolder folder;
+    CatalogServer server(folder.root.toStdString());
+    const int port = server.start("127.0.0.1", 0);
+    ASSERT_GT(port, 0);
+    // What Qt's network stack offers by default.
+    const httplib::Headers offer = {{"Accept-Encoding", "gzip, deflate, br"}};
+    httplib::Client client("127.0.0.1", port);
+    client.set_decompress(false);
+    const auto result = client.Get("/index.json", offer);
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->status, 200);
+    EXPECT_EQ(result->get_header_value("Content-Encoding"), "gzip");
+}

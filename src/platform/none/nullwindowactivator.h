@@ -8,4 +8,5 @@ class NullWindowActivator : public WindowActivator {
 public:
     void activate(WId, quint32) override {}
     WId activeWindow() const override { return 0; }
+    WId keyboardFocus() const override { return 0; }
 };

@@ -54,3 +54,13 @@ WId X11WindowActivator::activeWindow() const {
     free(reply);
     return window;
 }
+
+WId X11WindowActivator::keyboardFocus() const {
+    if (!m_connection)
+        return 0;
+    xcb_get_input_focus_reply_t* reply =
+        xcb_get_input_focus_reply(m_connection, xcb_get_input_focus(m_connection), nullptr);
+    const WId window = reply ? reply->focus : 0;
+    free(reply);
+    return window;
+}

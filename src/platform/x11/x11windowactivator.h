@@ -14,6 +14,7 @@ public:
     X11WindowActivator();
     void activate(WId window, quint32 timestamp) override;
     WId activeWindow() const override;
+    WId keyboardFocus() const override;
 
 private:
     xcb_connection_t* m_connection = nullptr;
