@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "support/testenv.h"
 #include "support/xvfbsession.h"
 
 #include <QApplication>
@@ -18,11 +19,7 @@ bool desktopAvailable(QString* why) {
 
 int main(int argc, char** argv) {
     QTemporaryDir root;
-    const QByteArray base = root.path().toUtf8();
-    for (const char* name :
-         {"XDG_DATA_HOME", "XDG_CACHE_HOME", "XDG_CONFIG_HOME", "XDG_STATE_HOME"})
-        qputenv(name, base + '/' + name);
-    qputenv("GLIMMET_TEST_ROOT", base);
+    TestEnv::usePrivateFolders(root.path());
     testing::InitGoogleTest(&argc, argv);
 
     XvfbSession xvfb;

@@ -7,6 +7,14 @@
 
 namespace TestEnv {
 
+void usePrivateFolders(const QString& root) {
+    const QByteArray base = root.toUtf8();
+    for (const char* name :
+         {"XDG_DATA_HOME", "XDG_CACHE_HOME", "XDG_CONFIG_HOME", "XDG_STATE_HOME"})
+        qputenv(name, base + '/' + name);
+    qputenv("GLIMMET_TEST_ROOT", base);
+}
+
 QString freshDir() {
     const QString path = qEnvironmentVariable("GLIMMET_TEST_ROOT") + QLatin1Char('/') +
                          QUuid::createUuid().toString(QUuid::Id128);

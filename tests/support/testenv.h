@@ -8,6 +8,8 @@
 #include <gtest/gtest.h>
 
 namespace TestEnv {
+// Points every XDG folder below `root` so no test touches the real home. Call first in main.
+void usePrivateFolders(const QString& root);
 // A fresh folder below the process's temporary root, removed with the process.
 QString freshDir();
 // Installs configuration sources with this environment and build keys, and a settings store

@@ -1,4 +1,6 @@
 // SPDX-License-Identifier: MIT
+#include "support/testenv.h"
+
 #include <QCoreApplication>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
@@ -6,11 +8,7 @@
 int main(int argc, char** argv) {
     // Private XDG folders before anything reads them.
     QTemporaryDir root;
-    const QByteArray base = root.path().toUtf8();
-    for (const char* name :
-         {"XDG_DATA_HOME", "XDG_CACHE_HOME", "XDG_CONFIG_HOME", "XDG_STATE_HOME"})
-        qputenv(name, base + '/' + name);
-    qputenv("GLIMMET_TEST_ROOT", base);
+    TestEnv::usePrivateFolders(root.path());
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", "offscreen");
 
