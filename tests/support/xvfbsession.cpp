@@ -5,9 +5,13 @@
 #include <QFileInfo>
 #include <QStandardPaths>
 #include <QThread>
+#include <csignal>
+#include <cstring>
 #include <unistd.h>
 
 XvfbSession::~XvfbSession() {
+    if (m_busPid > 0)
+        ::kill(pid_t(m_busPid), SIGTERM);
     for (auto* p : {m_windowManager.get(), m_xvfb.get()})
         if (p && p->state() != QProcess::NotRunning) {
             p->terminate();
@@ -56,6 +60,17 @@ bool XvfbSession::start(QString* why) {
     if (!run(QStringLiteral("xdotool"), {QStringLiteral("getmouselocation")})) {
         *why = QStringLiteral("the X server on %1 does not answer").arg(m_display);
         return false;
+    }
+    // A private session bus, as a desktop session has (accessibility and portals live there).
+    QByteArray bus;
+    if (run(QStringLiteral("dbus-launch"), {}, &bus)) {
+        for (const QByteArray& line : bus.split('\n')) {
+            if (line.startsWith("DBUS_SESSION_BUS_ADDRESS="))
+                qputenv("DBUS_SESSION_BUS_ADDRESS",
+                        line.mid(int(strlen("DBUS_SESSION_BUS_ADDRESS="))));
+            else if (line.startsWith("DBUS_SESSION_BUS_PID="))
+                m_busPid = line.mid(int(strlen("DBUS_SESSION_BUS_PID="))).toLongLong();
+        }
     }
     m_windowManager = std::make_unique<QProcess>();
     m_windowManager->start(QStringLiteral("openbox"), {QStringLiteral("--sm-disable")});

@@ -5,8 +5,8 @@
 #include <QString>
 #include <memory>
 
-// A private X display (Xvfb) with a window manager (openbox), for tests of desktop
-// behaviour. Started once per test process by the desktop test main.
+// A private X display (Xvfb) with a window manager (openbox) and a session bus, for tests of
+// desktop behaviour. Started once per test process by the desktop test main.
 class XvfbSession {
 public:
     ~XvfbSession();
@@ -25,4 +25,5 @@ private:
     QString m_display;
     std::unique_ptr<QProcess> m_xvfb;
     std::unique_ptr<QProcess> m_windowManager;
+    qint64 m_busPid = 0;
 };
