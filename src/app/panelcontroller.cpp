@@ -71,25 +71,23 @@ void PanelController::toggle(quint32 timestamp) {
 void PanelController::show(quint32 timestamp) {
     m_previousWindow = m_activator->activeWindow();
     m_panel->present();
-    // The window manager may not hand the keyboard to a program that had no input of its own,
-    // and ignores requests for a window it has not mapped yet: ask until it takes.
     m_activationTries = 0;
-    const auto ask = std::make_shared<std::function<void()>>();
-    *ask = [this, timestamp, ask] {
-        // Asks the X server, not Qt or the window manager's property: both can still name the
-        // panel from before it was last hidden.
-        if (!m_panel->isVisible() || m_activator->keyboardFocus() == m_panel->winId() ||
-            ++m_activationTries > 20)
-            return;
-        m_activator->activate(m_panel->winId(), timestamp);
-        QTimer::singleShot(15, this, *ask);
-    };
-    (*ask)();
+    askForKeyboard(timestamp);
     emit shown();
     Metrics::log(
         QStringLiteral("panel_shown"),
         {{"target", ""},
          {"activatingMode", DebugFlags::settings().boolean(QStringLiteral("activatingMode"))}});
+}
+
+void PanelController::askForKeyboard(quint32 timestamp) {
+    // Asks the X server, not Qt or the window manager's property: both can still name the
+    // panel from before it was last hidden.
+    if (!m_panel->isVisible() || m_activator->keyboardFocus() == m_panel->winId() ||
+        ++m_activationTries > maxActivationTries)
+        return;
+    m_activator->activate(m_panel->winId(), timestamp);
+    QTimer::singleShot(activationRetryMs, this, [this, timestamp] { askForKeyboard(timestamp); });
 }
 
 void PanelController::hide() {

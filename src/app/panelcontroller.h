@@ -43,6 +43,12 @@ signals:
     void inserted(const Meme& meme);
 
 private:
+    // The window manager may not hand the keyboard to a program that had no input of its
+    // own, and ignores requests for a window it has not mapped yet: ask until it takes.
+    void askForKeyboard(quint32 timestamp);
+    static constexpr int maxActivationTries = 20;
+    static constexpr int activationRetryMs = 15;
+
     PickerModel& m_model;
     MemeStore& m_store;
     UserData& m_userData;
