@@ -274,16 +274,17 @@ void PickerPanel::onFocusWindowChanged(QWindow* window) {
 void PickerPanel::hideEvent(QHideEvent* event) {
     QWidget::hideEvent(event);
     m_toast->hide();
+    // Saved once on hide rather than on every step of a resize drag.
+    if (size() != storedSize()) {
+        DebugFlags::settings().set(widthKey, width());
+        DebugFlags::settings().set(heightKey, height());
+    }
     emit dismissed();
 }
 
 void PickerPanel::resizeEvent(QResizeEvent* event) {
     QWidget::resizeEvent(event);
     updateColumns();
-    if (isVisible() && size() != storedSize()) {
-        DebugFlags::settings().set(widthKey, width());
-        DebugFlags::settings().set(heightKey, height());
-    }
 }
 
 void PickerPanel::paintEvent(QPaintEvent*) {
