@@ -4,6 +4,10 @@
 #include "base/logcategories.h"
 #include "catalog/debugflags.h"
 #include "catalog/memestore.h"
+#include "insert/paster.h"
+#include "platform/clipboardreader.h"
+#include "platform/focusprobe.h"
+#include "platform/keysynthesizer.h"
 #include "platform/platformbackend.h"
 #include "platform/windowactivator.h"
 #include "search/pickermodel.h"
@@ -11,42 +15,25 @@
 #include "ui/pickerpanel.h"
 #include "userdata/userdata.h"
 
-#include <QBuffer>
-#include <QClipboard>
-#include <QFile>
 #include <QGuiApplication>
-#include <QImage>
-#include <QMimeData>
 #include <QTimer>
 #include <QWindow>
-
-namespace {
-
-// PNG bytes of the file: as they are when the file already is PNG, else re-encoded.
-QByteArray pngBytes(const QString& path) {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly))
-        return {};
-    const QByteArray bytes = file.readAll();
-    if (bytes.startsWith("\x89PNG\r\n\x1a\n"))
-        return bytes;
-    QImage image;
-    if (!image.loadFromData(bytes))
-        return {};
-    QByteArray png;
-    QBuffer buffer(&png);
-    buffer.open(QIODevice::WriteOnly);
-    image.save(&buffer, "PNG");
-    return png;
-}
-
-} // namespace
 
 PanelController::PanelController(PickerModel& model, MemeStore& store, ThumbnailCache* thumbnails,
                                  UserData& userData, QObject* parent)
     : QObject(parent), m_model(model), m_store(store), m_userData(userData),
       m_activator(PlatformBackend::createWindowActivator()),
+      m_keys(PlatformBackend::createKeySynthesizer()),
+      m_focusProbe(PlatformBackend::createFocusProbe()),
+      m_clipboardReader(PlatformBackend::createClipboardReader()),
       m_panel(new PickerPanel(model, thumbnails)) {
+    m_paster = std::make_unique<Paster>(
+        Paster::Desktop{m_activator.get(), m_keys.get(), m_focusProbe.get(),
+                        m_clipboardReader.get()},
+        m_store, QGuiApplication::clipboard(), [this](const QString& text, int ms) {
+            m_panel->showToast(text, ms <= Paster::errorToastMs ? Toast::Kind::error
+                                                                : Toast::Kind::guidance);
+        });
     connect(&m_model, &PickerModel::insertRequested, this, &PanelController::insert);
 }
 
@@ -69,14 +56,19 @@ void PanelController::toggle(quint32 timestamp) {
 }
 
 void PanelController::show(quint32 timestamp) {
-    m_previousWindow = m_activator->activeWindow();
+    // Read before the panel maps: then the desktop still names the user's window.
+    m_target = m_activator->frontmost();
+    if (m_target.window == m_panel->winId())
+        m_target = {};
+    m_showTimestamp = timestamp;
+    m_model.setAccessibilityOK(m_paster->isTrusted());
     m_panel->present();
     m_activationTries = 0;
     askForKeyboard(timestamp);
     emit shown();
     Metrics::log(
         QStringLiteral("panel_shown"),
-        {{"target", ""},
+        {{"target", m_target.identifier.toStdString()},
          {"activatingMode", DebugFlags::settings().boolean(QStringLiteral("activatingMode"))}});
 }
 
@@ -99,21 +91,24 @@ void PanelController::insert(const Meme& meme) {
     if (m_inserting)
         return;
     m_inserting = true;
-    const QString query = m_model.query();
-    m_store.ensureFull(meme, [this, meme, query](std::optional<QUrl> file) {
-        m_inserting = false;
-        const QByteArray png = file ? pngBytes(file->toLocalFile()) : QByteArray();
-        if (png.isEmpty()) {
-            if (m_panel)
-                m_panel->showToast(QStringLiteral("Download failed"), Toast::Kind::error);
+    m_userData.recordPick(meme.id, m_model.query());
+    m_store.touch(meme);
+    const bool cached = m_store.cachedFullURL(meme).has_value();
+    m_store.ensureFull(meme, [this, meme, cached](std::optional<QUrl> file) {
+        if (!file) {
+            m_inserting = false;
+            m_panel->showToast(QStringLiteral("Download failed"), Toast::Kind::error);
             return;
         }
-        auto* mime = new QMimeData;
-        mime->setData(QStringLiteral("image/png"), png);
-        QGuiApplication::clipboard()->setMimeData(mime, QClipboard::Clipboard);
-        m_store.touch(meme);
-        m_userData.recordPick(meme.id, query);
-        hide();
+        Paster::Request request;
+        request.meme = meme;
+        request.file = *file;
+        request.cached = cached;
+        request.target = m_target;
+        request.timestamp = m_showTimestamp;
+        request.hidePanel = [this] { hide(); };
+        m_paster->paste(std::move(request));
+        QTimer::singleShot(insertGuardMs, this, [this] { m_inserting = false; });
         emit inserted(meme);
     });
 }

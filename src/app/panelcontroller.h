@@ -2,12 +2,17 @@
 #pragma once
 
 #include "catalog/meme.h"
+#include "platform/desktopapp.h"
 
 #include <QObject>
 #include <QtGui/qwindowdefs.h>
 #include <memory>
 
+class ClipboardReader;
+class FocusProbe;
+class KeySynthesizer;
 class MemeStore;
+class Paster;
 class PickerModel;
 class PickerPanel;
 class ThumbnailCache;
@@ -33,13 +38,20 @@ public:
     void show(quint32 timestamp = 0);
     void hide();
 
-    // Puts the item's full image on the clipboard as PNG and records the pick.
+    // Enter on a result: records the pick, waits for the full image (the panel stays open
+    // with "Download failed" if it cannot be had) and pastes it into the program that was in
+    // front. Further Enters are ignored until 0.5 s after the paste was handed over.
     void insert(const Meme& meme);
     bool isInserting() const { return m_inserting; }
+    Paster& paster() const { return *m_paster; }
+    // The program in front when the panel last opened; invalid when unknown.
+    const DesktopApp& target() const { return m_target; }
+
+    static constexpr int insertGuardMs = 500;
 
 signals:
     void shown();
-    // The item's image is on the clipboard.
+    // The item went to the paster (its image is on the clipboard or about to be).
     void inserted(const Meme& meme);
 
 private:
@@ -53,9 +65,13 @@ private:
     MemeStore& m_store;
     UserData& m_userData;
     std::unique_ptr<WindowActivator> m_activator;
+    std::unique_ptr<KeySynthesizer> m_keys;
+    std::unique_ptr<FocusProbe> m_focusProbe;
+    std::unique_ptr<ClipboardReader> m_clipboardReader;
     std::unique_ptr<PickerPanel> m_panel;
-    // The window that had the keyboard before the panel opened.
-    WId m_previousWindow = 0;
+    std::unique_ptr<Paster> m_paster;
+    DesktopApp m_target;
+    quint32 m_showTimestamp = 0;
     int m_activationTries = 0;
     bool m_inserting = false;
 };

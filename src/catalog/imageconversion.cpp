@@ -8,6 +8,7 @@
 #include <QImage>
 #include <QImageReader>
 #include <QImageWriter>
+#include <QPainter>
 
 namespace {
 QImage read(const QString& path) {
@@ -31,6 +32,34 @@ std::optional<QByteArray> encode(const QImage& image, const char* format) {
 } // namespace
 
 namespace ImageConversion {
+std::optional<QByteArray> pngData(const QString& source) {
+    const QImage image = read(source);
+    if (image.isNull())
+        return std::nullopt;
+    return encode(image, "png");
+}
+
+std::optional<QByteArray> jpegData(const QString& source, int quality) {
+    const QImage image = read(source);
+    if (image.isNull())
+        return std::nullopt;
+    QImage flat(image.size(), QImage::Format_RGB32);
+    flat.setDevicePixelRatio(image.devicePixelRatio());
+    flat.fill(Qt::white);
+    {
+        QPainter painter(&flat);
+        painter.drawImage(0, 0, image);
+    }
+    QByteArray bytes;
+    QBuffer buffer(&bytes);
+    buffer.open(QIODevice::WriteOnly);
+    QImageWriter writer(&buffer, "jpeg");
+    writer.setQuality(quality);
+    if (!writer.write(flat))
+        return std::nullopt;
+    return bytes;
+}
+
 bool makePNG(const QString& source, const QString& target) {
     const QImage image = read(source);
     if (image.isNull())

@@ -12,6 +12,10 @@ namespace ImageConversion {
 // Writes a PNG rendering of `source` to `target` atomically; false when `source` does not
 // decode or `target` cannot be written. Suits MemeStore::Options::convertToPNG.
 bool makePNG(const QString& source, const QString& target);
+// The PNG encoding of `source`, or nothing when it does not decode.
+std::optional<QByteArray> pngData(const QString& source);
+// The JPEG encoding of `source` (flattened onto white: JPEG has no transparency).
+std::optional<QByteArray> jpegData(const QString& source, int quality = 90);
 // The TIFF encoding of `source`, or nothing when it does not decode.
 std::optional<QByteArray> tiffData(const QString& source);
 } // namespace ImageConversion

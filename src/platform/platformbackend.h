@@ -4,7 +4,10 @@
 #include <QString>
 #include <memory>
 
+class ClipboardReader;
+class FocusProbe;
 class GlobalHotkey;
+class KeySynthesizer;
 class WindowActivator;
 
 // Picks the desktop backend from the running Qt platform (xcb → X11, anything else → none),
@@ -13,4 +16,7 @@ namespace PlatformBackend {
 QString name();
 std::unique_ptr<GlobalHotkey> createGlobalHotkey();
 std::unique_ptr<WindowActivator> createWindowActivator();
+std::unique_ptr<ClipboardReader> createClipboardReader();
+std::unique_ptr<KeySynthesizer> createKeySynthesizer();
+std::unique_ptr<FocusProbe> createFocusProbe();
 } // namespace PlatformBackend

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "platform/desktopapp.h"
+
 #include <QtGui/qwindowdefs.h>
 
 // Asks the window manager to give a window the keyboard. Needed because window managers
@@ -16,4 +18,7 @@ public:
     virtual WId activeWindow() const = 0;
     // The window that receives key presses right now, or 0 when unknown.
     virtual WId keyboardFocus() const = 0;
+    // The owner of a top-level window: its process and class; invalid for window 0.
+    virtual DesktopApp describe(WId window) const = 0;
+    DesktopApp frontmost() const { return describe(activeWindow()); }
 };

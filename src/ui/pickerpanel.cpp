@@ -162,6 +162,8 @@ void PickerPanel::present() {
     move(area.left() + (area.width() - size.width()) / 2,
          area.top() + (area.height() - size.height()) / 4);
     m_hadKeyboard = false;
+    if (m_windowToast)
+        m_windowToast->hide();
     show();
     raise();
     activateWindow();
@@ -269,6 +271,17 @@ void PickerPanel::onFocusWindowChanged(QWindow* window) {
     if (m_hadKeyboard && !m_menuOpen && !QApplication::activePopupWidget() &&
         !QApplication::activeModalWidget())
         hide();
+}
+
+void PickerPanel::showToast(const QString& text, Toast::Kind kind) {
+    if (isVisible()) {
+        m_toast->showMessage(text, kind);
+        return;
+    }
+    if (!m_windowToast)
+        m_windowToast = std::make_unique<Toast>(nullptr);
+    m_windowToast->setAnchor(frameGeometry());
+    m_windowToast->showMessage(text, kind);
 }
 
 void PickerPanel::hideEvent(QHideEvent* event) {

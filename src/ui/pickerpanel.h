@@ -5,6 +5,7 @@
 
 #include <QWidget>
 #include <functional>
+#include <memory>
 
 class PickerModel;
 class QLabel;
@@ -36,7 +37,8 @@ public:
 
     // Shows the panel on the screen with the mouse pointer and gives it the keyboard.
     void present();
-    void showToast(const QString& text, Toast::Kind kind) { m_toast->showMessage(text, kind); }
+    // Over the panel while it shows, else in a window of its own where the panel was.
+    void showToast(const QString& text, Toast::Kind kind);
     // The stored size, or the default.
     static QSize storedSize();
 
@@ -68,6 +70,7 @@ private:
     QLabel* m_status;
     QToolButton* m_menuButton;
     Toast* m_toast;
+    std::unique_ptr<Toast> m_windowToast;
     std::function<void(QMenu*)> m_buildMenu;
     bool m_menuOpen = false;
     bool m_hadKeyboard = false;

@@ -2,6 +2,11 @@
 #include "ui/toast.h"
 
 Toast::Toast(QWidget* parent) : QLabel(parent) {
+    if (!parent) {
+        setWindowFlags(Qt::ToolTip | Qt::FramelessWindowHint | Qt::WindowStaysOnTopHint |
+                       Qt::WindowDoesNotAcceptFocus);
+        setAttribute(Qt::WA_ShowWithoutActivating);
+    }
     setAlignment(Qt::AlignCenter);
     setWordWrap(true);
     setAutoFillBackground(true);
@@ -24,6 +29,13 @@ void Toast::showMessage(const QString& text, Kind kind) {
 }
 
 void Toast::place() {
+    if (isWindow()) {
+        const int width = qMin(qMax(m_anchor.width() - 24, 240), 460);
+        setFixedWidth(width);
+        adjustSize();
+        move(m_anchor.left() + (m_anchor.width() - width) / 2, m_anchor.bottom() - height() - 36);
+        return;
+    }
     const QWidget* host = parentWidget();
     const int width = qMin(host->width() - 24, 460);
     setFixedWidth(width);

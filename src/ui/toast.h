@@ -12,10 +12,15 @@ public:
     static constexpr int errorMs = 1800;
     static constexpr int guidanceMs = 3000;
 
+    // Without a parent the toast is a window of its own that never takes the keyboard, for
+    // messages after the panel has gone (the user is back in their program).
     explicit Toast(QWidget* parent);
     void showMessage(const QString& text, Kind kind);
+    // The window toast's place: centred near the bottom of `area`.
+    void setAnchor(const QRect& area) { m_anchor = area; }
 
 private:
     void place();
     QTimer m_timer;
+    QRect m_anchor;
 };

@@ -9,4 +9,5 @@ public:
     void activate(WId, quint32) override {}
     WId activeWindow() const override { return 0; }
     WId keyboardFocus() const override { return 0; }
+    DesktopApp describe(WId) const override { return {}; }
 };

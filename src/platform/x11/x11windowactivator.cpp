@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "platform/x11/x11windowactivator.h"
 
+#include <QByteArray>
 #include <QGuiApplication>
+#include <QList>
 #include <xcb/xcb.h>
 
 namespace {
@@ -23,6 +25,7 @@ X11WindowActivator::X11WindowActivator() {
     m_connection = x11->connection();
     m_root = xcb_setup_roots_iterator(xcb_get_setup(m_connection)).data->root;
     m_activeAtom = atom(m_connection, "_NET_ACTIVE_WINDOW");
+    m_pidAtom = atom(m_connection, "_NET_WM_PID");
 }
 
 void X11WindowActivator::activate(WId window, quint32 timestamp) {
@@ -63,4 +66,33 @@ WId X11WindowActivator::keyboardFocus() const {
     const WId window = reply ? reply->focus : 0;
     free(reply);
     return window;
+}
+
+DesktopApp X11WindowActivator::describe(WId window) const {
+    DesktopApp app;
+    if (!m_connection || !window)
+        return app;
+    app.window = window;
+    const auto w = xcb_window_t(window);
+    const xcb_get_property_cookie_t pidCookie =
+        xcb_get_property(m_connection, 0, w, m_pidAtom, XCB_ATOM_CARDINAL, 0, 1);
+    const xcb_get_property_cookie_t classCookie =
+        xcb_get_property(m_connection, 0, w, XCB_ATOM_WM_CLASS, XCB_ATOM_STRING, 0, 64);
+    if (xcb_get_property_reply_t* reply =
+            xcb_get_property_reply(m_connection, pidCookie, nullptr)) {
+        if (xcb_get_property_value_length(reply) >= 4)
+            app.pid = *static_cast<std::uint32_t*>(xcb_get_property_value(reply));
+        free(reply);
+    }
+    if (xcb_get_property_reply_t* reply =
+            xcb_get_property_reply(m_connection, classCookie, nullptr)) {
+        // "instance\0class\0": the identifier is the class.
+        const QByteArray value(static_cast<const char*>(xcb_get_property_value(reply)),
+                               xcb_get_property_value_length(reply));
+        const QList<QByteArray> parts = value.split('\0');
+        if (parts.size() >= 2)
+            app.identifier = QString::fromUtf8(parts[1]);
+        free(reply);
+    }
+    return app;
 }

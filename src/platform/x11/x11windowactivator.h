@@ -15,9 +15,11 @@ public:
     void activate(WId window, quint32 timestamp) override;
     WId activeWindow() const override;
     WId keyboardFocus() const override;
+    DesktopApp describe(WId window) const override;
 
 private:
     xcb_connection_t* m_connection = nullptr;
     std::uint32_t m_root = 0;
     std::uint32_t m_activeAtom = 0;
+    std::uint32_t m_pidAtom = 0;
 };

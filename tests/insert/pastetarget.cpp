@@ -1,0 +1,81 @@
+// SPDX-License-Identifier: MIT
+// A window that takes pastes and reports each one on stdout as one JSON line: the types the
+// clipboard offered, each type's size and SHA-256, and the monotonic clock at arrival, so a
+// test in another process can check what arrived and when. With --button the window holds
+// only a button, for the case where no text field has the keyboard.
+#include <QApplication>
+#include <QCryptographicHash>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QMimeData>
+#include <QPushButton>
+#include <QTextEdit>
+#include <QVBoxLayout>
+#include <cstdio>
+#include <ctime>
+
+namespace {
+
+double monotonicMs() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return double(now.tv_sec) * 1000.0 + double(now.tv_nsec) / 1e6;
+}
+
+void report(const QMimeData* source) {
+    QJsonObject line;
+    QJsonArray formats;
+    QJsonObject sizes;
+    QJsonObject hashes;
+    for (const QString& format : source->formats()) {
+        formats.append(format);
+        const QByteArray bytes = source->data(format);
+        sizes.insert(format, bytes.size());
+        hashes.insert(format,
+                      QString::fromLatin1(
+                          QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex()));
+    }
+    line.insert(QStringLiteral("formats"), formats);
+    line.insert(QStringLiteral("sizes"), sizes);
+    line.insert(QStringLiteral("sha256"), hashes);
+    line.insert(QStringLiteral("monotonic_ms"), monotonicMs());
+    std::fprintf(stdout, "%s\n", QJsonDocument(line).toJson(QJsonDocument::Compact).constData());
+    std::fflush(stdout);
+}
+
+class RecordingEdit : public QTextEdit {
+public:
+    using QTextEdit::QTextEdit;
+
+protected:
+    bool canInsertFromMimeData(const QMimeData*) const override { return true; }
+    void insertFromMimeData(const QMimeData* source) override {
+        report(source);
+        if (source->hasText())
+            QTextEdit::insertFromMimeData(source);
+    }
+};
+
+} // namespace
+
+int main(int argc, char** argv) {
+    QApplication app(argc, argv);
+    QWidget window;
+    window.setWindowTitle(QStringLiteral("Orvane paste target"));
+    auto* layout = new QVBoxLayout(&window);
+    if (app.arguments().contains(QStringLiteral("--button"))) {
+        auto* button = new QPushButton(QStringLiteral("Nothing to type into"), &window);
+        layout->addWidget(button);
+        button->setFocus();
+    } else {
+        auto* edit = new RecordingEdit(&window);
+        layout->addWidget(edit);
+        edit->setFocus();
+    }
+    window.resize(480, 320);
+    window.show();
+    std::fprintf(stdout, "{\"ready\":true}\n");
+    std::fflush(stdout);
+    return app.exec();
+}
