@@ -10,8 +10,11 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev
     libxcb1-dev libxcb-xtest0-dev libxcb-keysyms1-dev libxcb-xfixes0-dev libxcb-xkb-dev
     xvfb openbox xdotool xclip dbus-x11 x11-utils fonts-dejavu-core
-    # The accessibility bus, through which a paste asks what has the keyboard.
-    at-spi2-core
+    # The accessibility bus, through which a paste asks what has the keyboard, and GTK's
+    # bridge to it.
+    at-spi2-core libatk-adaptor
+    # Programs the paste tests paste into.
+    mousepad chromium
 )
 # The demo catalog's art comes from the npm registry: any Node.js with npm will do.
 command -v npm >/dev/null || packages+=(npm)

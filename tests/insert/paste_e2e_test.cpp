@@ -1,168 +1,7 @@
 // SPDX-License-Identifier: MIT
-// The paste as a user meets it: a real program in front, the hotkey, typing, Enter, and the
-// user's clipboard checked afterwards with xclip, on a private X display.
-#include "app/appdelegate.h"
-#include "app/panelcontroller.h"
-#include "catalog/debugflags.h"
-#include "catalog/memestore.h"
-#include "insert/paster.h"
-#include "search/pickermodel.h"
-#include "support/catalogfixture.h"
-#include "support/desktop.h"
-#include "support/testenv.h"
-#include "support/xvfbsession.h"
-#include "ui/pickerpanel.h"
-#include "ui/toast.h"
-
-#include <QApplication>
-#include <QBuffer>
-#include <QCryptographicHash>
-#include <QDir>
-#include <QFile>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QSignalSpy>
-#include <QTest>
-#include <algorithm>
-
-namespace {
-
-bool xdotool(const QStringList& args) {
-    return XvfbSession::run(QStringLiteral("xdotool"), args);
-}
-bool key(const char* keys) {
-    return xdotool({QStringLiteral("key"), QLatin1String(keys)});
-}
-
-// xclip keeps serving what it copied until someone else takes the clipboard.
-bool copyWithXclip(const QString& file, const QString& type = {}) {
-    QStringList args{QStringLiteral("-selection"), QStringLiteral("clipboard"),
-                     QStringLiteral("-i"), file};
-    if (!type.isEmpty())
-        args << QStringLiteral("-t") << type;
-    return XvfbSession::run(QStringLiteral("xclip"), args);
-}
-// Keeps the event loop running meanwhile: when the clipboard is ours, we must answer xclip.
-QByteArray clipboardAs(const QString& type) {
-    QProcess xclip;
-    xclip.start(QStringLiteral("xclip"), {QStringLiteral("-o"), QStringLiteral("-selection"),
-                                          QStringLiteral("clipboard"), QStringLiteral("-t"), type});
-    if (!QTest::qWaitFor([&] { return xclip.state() == QProcess::NotRunning; }, 10000))
-        return {};
-    return xclip.readAllStandardOutput();
-}
-QString writeFile(const QString& name, const QByteArray& bytes) {
-    const QString path = TestEnv::freshDir() + QLatin1Char('/') + name;
-    QFile file(path);
-    file.open(QIODevice::WriteOnly);
-    file.write(bytes);
-    return path;
-}
-QByteArray sha256(const QByteArray& bytes) {
-    return QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex();
-}
-
-// The project's own paste target (tests/insert/pastetarget.cpp): one JSON line per paste.
-class PasteTarget {
-public:
-    bool start(const QStringList& args = {}) {
-        m_process.setProgram(QStringLiteral(PASTE_TARGET_BINARY));
-        m_process.setArguments(args);
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert(QStringLiteral("QT_QPA_PLATFORM"), QStringLiteral("xcb"));
-        // Publish the accessibility tree even though no screen reader asked for it.
-        env.insert(QStringLiteral("QT_LINUX_ACCESSIBILITY_ALWAYS_ON"), QStringLiteral("1"));
-        m_process.setProcessEnvironment(env);
-        m_process.start();
-        if (!QTest::qWaitFor([&] { return !lines().isEmpty(); }, 10000))
-            return false;
-        return xdotool({QStringLiteral("search"), QStringLiteral("--sync"),
-                        QStringLiteral("--name"), QStringLiteral("Orvane paste target"),
-                        QStringLiteral("windowactivate"), QStringLiteral("--sync")});
-    }
-    ~PasteTarget() {
-        m_process.kill();
-        m_process.waitForFinished(3000);
-    }
-    QList<QJsonObject> lines() {
-        m_buffer += m_process.readAllStandardOutput();
-        QList<QJsonObject> result;
-        for (const QByteArray& line : m_buffer.split('\n'))
-            if (!line.isEmpty())
-                result.append(QJsonDocument::fromJson(line).object());
-        return result;
-    }
-    QList<QJsonObject> pastes() {
-        QList<QJsonObject> all = lines();
-        all.removeIf([](const QJsonObject& o) { return o.contains(QStringLiteral("ready")); });
-        return all;
-    }
-
-private:
-    QProcess m_process;
-    QByteArray m_buffer;
-};
-
-QStringList formatsOf(const QJsonObject& paste) {
-    QStringList formats;
-    for (const QJsonValue& v : paste.value(QStringLiteral("formats")).toArray())
-        formats.append(v.toString());
-    return formats;
-}
-
-class PasteOnTheDesktop : public testing::Test {
-protected:
-    void SetUp() override {
-        QString why;
-        if (!desktopAvailable(&why))
-            GTEST_SKIP() << why.toStdString();
-        const QString root = TestEnv::freshDir();
-        CatalogFixture::writeCatalog(root, 3, 2);
-        ASSERT_TRUE(server.start(QStringLiteral(ORVANE_SERVER_BINARY), root, &why))
-            << why.toStdString();
-        TestEnv::installConfig({{QStringLiteral("MEME_SERVER"), server.url().toString()}});
-        app = std::make_unique<AppDelegate>(CommandLine{});
-        app->start();
-        ASSERT_TRUE(QTest::qWaitFor([&] { return app->pickerModel().hasIndex(); }, 15000));
-        ASSERT_TRUE(paster().isTrusted()) << "the X server has no XTEST extension";
-    }
-    void TearDown() override { app.reset(); }
-
-    Paster& paster() { return app->panelController().paster(); }
-
-    // Opens the panel over the program in front, searches and presses Enter on the first
-    // result; returns the id pasted.
-    QString pasteFirstResult(const char* query = "cat") {
-        PanelController& panel = app->panelController();
-        if (!key("ctrl+m") || !QTest::qWaitFor([&] { return panel.panelHasKeyboard(); }, 5000))
-            return {};
-        xdotool({QStringLiteral("type"), QLatin1String(query)});
-        PickerModel& model = app->pickerModel();
-        if (!QTest::qWaitFor(
-                [&] { return model.query() == QLatin1String(query) && !model.results().isEmpty(); },
-                5000))
-            return {};
-        const QString id = model.results().first().id;
-        key("Return");
-        return id;
-    }
-
-    QByteArray cachedPNG(const QString& id) {
-        for (const Meme& meme : app->pickerModel().results())
-            if (meme.id == id) {
-                QFile file(app->memeStore().cachedFullURL(meme).value_or(QUrl()).toLocalFile());
-                file.open(QIODevice::ReadOnly);
-                return file.readAll();
-            }
-        return {};
-    }
-
-    CatalogFixture server;
-    std::unique_ptr<AppDelegate> app;
-};
-
-} // namespace
+// The paste as a user meets it, into the project's own recording target: a real program in
+// front, the hotkey, typing, Enter, and the user's clipboard checked afterwards with xclip.
+#include "pastefixture.h"
 
 TEST_F(PasteOnTheDesktop, PastesTheImageAndBringsTheTextClipboardBack) {
     ASSERT_TRUE(copyWithXclip(writeFile(QStringLiteral("before.txt"), "words from before")));
@@ -179,7 +18,7 @@ TEST_F(PasteOnTheDesktop, PastesTheImageAndBringsTheTextClipboardBack) {
               sha256(cachedPNG(id)));
     EXPECT_EQ(app->panelController().target().identifier, QStringLiteral("orvane-paste-target"));
 
-    ASSERT_TRUE(finished.wait(10000));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !finished.isEmpty(); }, 10000));
     EXPECT_TRUE(finished[0][1].toBool()) << finished[0][2].toString().toStdString();
     EXPECT_EQ(clipboardAs(QStringLiteral("UTF8_STRING")), "words from before");
     EXPECT_EQ(target.pastes().size(), 1);
@@ -200,7 +39,7 @@ TEST_F(PasteOnTheDesktop, BringsAnImageClipboardBack) {
     ASSERT_TRUE(target.start());
     QSignalSpy finished(&paster(), &Paster::finished);
     ASSERT_FALSE(pasteFirstResult().isEmpty());
-    ASSERT_TRUE(finished.wait(10000));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !finished.isEmpty(); }, 10000));
     EXPECT_TRUE(finished[0][1].toBool()) << finished[0][2].toString().toStdString();
     EXPECT_EQ(sha256(clipboardAs(QStringLiteral("image/png"))), sha256(png));
     EXPECT_EQ(target.pastes().size(), 1);
@@ -216,7 +55,7 @@ TEST_F(PasteOnTheDesktop, LeavesAClipboardSomeoneElseWroteDuringTheDelay) {
     ASSERT_FALSE(pasteFirstResult().isEmpty());
     ASSERT_TRUE(sent.wait(10000));
     ASSERT_TRUE(copyWithXclip(writeFile(QStringLiteral("after.txt"), "newer words")));
-    ASSERT_TRUE(finished.wait(10000));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !finished.isEmpty(); }, 10000));
     EXPECT_FALSE(finished[0][1].toBool());
     EXPECT_EQ(finished[0][2].toString(), Paster::changedBySomeoneElse);
     EXPECT_EQ(clipboardAs(QStringLiteral("UTF8_STRING")), "newer words");
@@ -238,7 +77,7 @@ TEST_F(PasteOnTheDesktop, WithNoTextFieldTheImageStaysAndTheUserIsTold) {
             });
         },
         10000));
-    ASSERT_TRUE(finished.wait(10000));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !finished.isEmpty(); }, 10000));
     EXPECT_FALSE(finished[0][1].toBool());
     EXPECT_EQ(finished[0][2].toString(), Paster::noTextFieldReason);
     EXPECT_EQ(sha256(clipboardAs(QStringLiteral("image/png"))), sha256(cachedPNG(id)));
@@ -266,7 +105,7 @@ TEST_F(PasteOnTheDesktop, EveryPayloadDeliversItsTypes) {
         if (payload == PastePayload::jpegOnly) {
             EXPECT_FALSE(formats.contains(QStringLiteral("image/png")));
         }
-        ASSERT_TRUE(finished.wait(10000));
+        ASSERT_TRUE(QTest::qWaitFor([&] { return !finished.isEmpty(); }, 10000));
         QTest::qWait(PanelController::insertGuardMs);
     }
 }
@@ -286,7 +125,7 @@ TEST_F(PasteOnTheDesktop, ASecondEnterWithinHalfASecondDoesNothing) {
     ASSERT_TRUE(QTest::qWaitFor([&] { return inserted.size() == 1; }, 5000));
     panel.insert(meme);
     EXPECT_TRUE(panel.isInserting());
-    ASSERT_TRUE(finished.wait(10000));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !finished.isEmpty(); }, 10000));
     QTest::qWait(200);
     EXPECT_EQ(inserted.size(), 1);
     EXPECT_EQ(target.pastes().size(), 1);
