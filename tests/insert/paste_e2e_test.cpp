@@ -3,6 +3,8 @@
 // front, the hotkey, typing, Enter, and the user's clipboard checked afterwards with xclip.
 #include "pastefixture.h"
 
+#include <xcb/xcb.h>
+
 TEST_F(PasteOnTheDesktop, PastesTheImageAndBringsTheTextClipboardBack) {
     ASSERT_TRUE(copyWithXclip(writeFile(QStringLiteral("before.txt"), "words from before")));
     PasteTarget target;
@@ -24,9 +26,15 @@ TEST_F(PasteOnTheDesktop, PastesTheImageAndBringsTheTextClipboardBack) {
     EXPECT_EQ(target.pastes().size(), 1);
 }
 
-TEST_F(PasteOnTheDesktop, BringsAnImageClipboardBack) {
-    QImage image(40, 30, QImage::Format_ARGB32);
-    image.fill(QColor(10, 200, 30, 128));
+TEST_F(PasteOnTheDesktop, BringsALargeImageClipboardBack) {
+    // Noise does not compress: megabytes, which X transfers in increments.
+    QImage image(900, 700, QImage::Format_ARGB32);
+    quint32 seed = 1;
+    for (int y = 0; y < image.height(); ++y)
+        for (int x = 0; x < image.width(); ++x) {
+            seed = seed * 1664525u + 1013904223u;
+            image.setPixel(x, y, seed);
+        }
     QByteArray png;
     {
         QBuffer buffer(&png);
@@ -131,4 +139,38 @@ TEST_F(PasteOnTheDesktop, ASecondEnterWithinHalfASecondDoesNothing) {
     EXPECT_EQ(target.pastes().size(), 1);
     // Once the guard is over, Enter works again.
     ASSERT_TRUE(QTest::qWaitFor([&] { return !panel.isInserting(); }, 2000));
+}
+
+TEST_F(PasteOnTheDesktop, TerminalsGetCtrlShiftV) {
+    PasteTarget target;
+    ASSERT_TRUE(target.start({QStringLiteral("--terminal")}));
+    QSignalSpy sent(&paster(), &Paster::keystrokeSent);
+    ASSERT_FALSE(pasteFirstResult().isEmpty());
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !sent.isEmpty(); }, 10000));
+    EXPECT_TRUE(sent[0][0].toBool());
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !target.keystrokes().isEmpty(); }, 5000));
+    EXPECT_TRUE(target.pastes().isEmpty());
+}
+
+TEST_F(PasteOnTheDesktop, AClipboardOwnerThatNeverAnswersDoesNotStopThePaste) {
+    // Takes the clipboard and then never reads its events, like a program that hangs.
+    xcb_connection_t* hung = xcb_connect(nullptr, nullptr);
+    ASSERT_FALSE(xcb_connection_has_error(hung));
+    const xcb_window_t window = xcb_generate_id(hung);
+    const xcb_screen_t* screen = xcb_setup_roots_iterator(xcb_get_setup(hung)).data;
+    xcb_create_window(hung, XCB_COPY_FROM_PARENT, window, screen->root, 0, 0, 1, 1, 0,
+                      XCB_WINDOW_CLASS_INPUT_ONLY, XCB_COPY_FROM_PARENT, 0, nullptr);
+    xcb_intern_atom_reply_t* clipboard =
+        xcb_intern_atom_reply(hung, xcb_intern_atom(hung, 0, 9, "CLIPBOARD"), nullptr);
+    xcb_set_selection_owner(hung, window, clipboard->atom, XCB_CURRENT_TIME);
+    free(clipboard);
+    free(xcb_get_input_focus_reply(hung, xcb_get_input_focus(hung), nullptr));
+
+    PasteTarget target;
+    ASSERT_TRUE(target.start());
+    QSignalSpy finished(&paster(), &Paster::finished);
+    ASSERT_FALSE(pasteFirstResult().isEmpty());
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !target.pastes().isEmpty(); }, 10000));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !finished.isEmpty(); }, 10000));
+    xcb_disconnect(hung);
 }

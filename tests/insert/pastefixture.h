@@ -97,8 +97,15 @@ public:
     }
     QList<QJsonObject> pastes() {
         QList<QJsonObject> all = lines();
-        all.removeIf([](const QJsonObject& o) { return o.contains(QStringLiteral("ready")); });
+        all.removeIf([](const QJsonObject& o) { return !o.contains(QStringLiteral("formats")); });
         return all;
+    }
+    QStringList keystrokes() {
+        QStringList keys;
+        for (const QJsonObject& line : lines())
+            if (line.contains(QStringLiteral("keys")))
+                keys.append(line.value(QStringLiteral("keys")).toString());
+        return keys;
     }
 
 private:

@@ -2,17 +2,20 @@
 // A window that takes pastes and reports each one on stdout as one JSON line: the types the
 // clipboard offered, each type's size and SHA-256, and the monotonic clock at arrival, so a
 // test in another process can check what arrived and when. With --button the window holds
-// only a button, for the case where no text field has the keyboard.
+// only a button, for the case where no text field has the keyboard; with --terminal its
+// window class is a terminal's.
 #include <QApplication>
 #include <QCryptographicHash>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QKeyEvent>
 #include <QMimeData>
 #include <QPushButton>
 #include <QTextEdit>
 #include <QVBoxLayout>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 
 namespace {
@@ -49,6 +52,15 @@ public:
     using QTextEdit::QTextEdit;
 
 protected:
+    // Terminals paste on Ctrl+Shift+V, which a text edit ignores: report the keystroke.
+    void keyPressEvent(QKeyEvent* event) override {
+        if (event->key() == Qt::Key_V &&
+            event->modifiers() == (Qt::ControlModifier | Qt::ShiftModifier)) {
+            std::fprintf(stdout, "{\"keys\":\"Ctrl+Shift+V\"}\n");
+            std::fflush(stdout);
+        }
+        QTextEdit::keyPressEvent(event);
+    }
     bool canInsertFromMimeData(const QMimeData*) const override { return true; }
     void insertFromMimeData(const QMimeData* source) override {
         report(source);
@@ -60,6 +72,10 @@ protected:
 } // namespace
 
 int main(int argc, char** argv) {
+    // --terminal: a window class that says "terminal emulator" to the desktop.
+    for (int i = 1; i < argc; ++i)
+        if (std::strcmp(argv[i], "--terminal") == 0)
+            QCoreApplication::setApplicationName(QStringLiteral("xterm"));
     QApplication app(argc, argv);
     QWidget window;
     window.setWindowTitle(QStringLiteral("Orvane paste target"));

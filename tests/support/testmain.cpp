@@ -2,6 +2,9 @@
 #include "support/testenv.h"
 
 #include <QCoreApplication>
+#ifdef GLIMMET_GUI_TEST
+#include <QGuiApplication>
+#endif
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
 
@@ -14,6 +17,11 @@ int main(int argc, char** argv) {
 
     testing::InitGoogleTest(&argc, argv);
     GTEST_FLAG_SET(death_test_style, "threadsafe");
+#ifdef GLIMMET_GUI_TEST
+    // Clipboard and image tests need the GUI side of Qt, on the offscreen platform.
+    QGuiApplication app(argc, argv);
+#else
     QCoreApplication app(argc, argv);
+#endif
     return RUN_ALL_TESTS();
 }
