@@ -8,7 +8,7 @@
 #include "search/textfold.h"
 
 #include <QFileInfo>
-#include <condition_variable>
+#include <future>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <sqlite3.h>
@@ -95,8 +95,8 @@ std::unique_ptr<LocalIndex> LocalIndex::open(const QString& path) {
 LocalIndex::LocalIndex(sqlite3* db, QString path) : m_db(db), m_path(std::move(path)) {}
 
 LocalIndex::~LocalIndex() {
-    if (m_checkpoint.joinable())
-        m_checkpoint.join();
+    if (m_writer.joinable())
+        m_writer.join();
     m_mirror.reset();
     m_tokenizer.reset();
     sqlite3_close(m_db);
@@ -132,26 +132,86 @@ std::optional<QString> LocalIndex::scalar(const QString& sql) {
 }
 
 void LocalIndex::rebuild(const MemeList& memes, const QString& signature) {
-    std::lock_guard guard(m_lock);
-    // A second core encodes the JSON rows and builds the in-memory mirror while this thread
-    // feeds the fts table, which is the long pole.
-    std::vector<QByteArray> json(std::size_t(memes.size()));
-    std::mutex encodedLock;
-    std::condition_variable encodedSignal;
-    bool encoded = false;
-    std::unique_ptr<FtsMirror> mirror;
-    std::thread helper([&] {
-        for (qsizetype i = 0; i < memes.size(); ++i)
-            json[std::size_t(i)] = CatalogJson::encodeMeme(memes[i]);
+    std::lock_guard rebuilding(m_rebuildLock);
+    if (m_writer.joinable())
+        m_writer.join();
+    {
+        // From here until the new mirror is in place, searches wait for it.
+        std::lock_guard guard(m_mirrorLock);
+        m_mirrorPending = true;
+    }
+    std::promise<void> locked;
+    std::future<void> writerHoldsLock = locked.get_future();
+    std::promise<void> installed;
+    m_writer = std::thread([this, memes, signature, locked = std::move(locked),
+                            mirrorInstalled = installed.get_future().share()]() mutable {
+        std::unique_lock guard(m_lock);
+        locked.set_value();
+        // The JSON rows are encoded on the other core once the mirror, which searches are
+        // waiting for, has it back; the fts rows take this thread longer than both.
+        std::vector<QByteArray> json(std::size_t(memes.size()));
+        std::thread encoder([&memes, &json, mirrorInstalled] {
+            mirrorInstalled.wait();
+            for (qsizetype i = 0; i < memes.size(); ++i)
+                json[std::size_t(i)] = CatalogJson::encodeMeme(memes[i]);
+        });
+        const bool complete = write(memes, signature, encoder, json);
+        mirrorInstalled.wait();
         {
-            std::lock_guard done(encodedLock);
-            encoded = true;
+            std::lock_guard mirrorGuard(m_mirrorLock);
+            m_committing = false;
+            // The mirror was built from the same text the table got; when any row went
+            // missing it is read back from the table instead, at the next search.
+            if (complete && m_mirror) {
+                m_mirrorChanges = sqlite3_total_changes64(m_db);
+                m_mirrorDataVersion = dataVersion();
+            } else {
+                m_mirror.reset();
+                m_mirrorFailed = false;
+                m_mirrorChanges = -1;
+            }
         }
-        encodedSignal.notify_one();
+        m_mirrorChanged.notify_all();
+        guard.unlock();
+        checkpoint();
+    });
+    // Nothing else may reach the connection, or read the table back into a mirror, until the
+    // writer has it: the table is about to be emptied.
+    writerHoldsLock.wait();
+
+    // The tokenizer is ours until the mirror is installed: every other user holds m_lock or
+    // waits for m_mirrorPending to clear. The writer waits for the installation whatever
+    // happens here, so it is signalled on every way out.
+    std::unique_ptr<FtsMirror> mirror;
+    const auto install = [&] {
+        {
+            std::lock_guard guard(m_mirrorLock);
+            m_mirror = std::move(mirror);
+            m_mirrorFailed = false;
+            m_mirrorPending = false;
+            m_committing = true;
+        }
+        m_mirrorChanged.notify_all();
+        installed.set_value();
+    };
+    try {
         if (m_tokenizer)
             mirror = mirrorOf(memes, *m_tokenizer);
-    });
+    } catch (...) {
+        mirror.reset();
+        install();
+        throw;
+    }
+    install();
+}
 
+void LocalIndex::waitUntilCommitted() {
+    // The writing thread takes the lock before rebuild() returns and keeps it to the commit.
+    std::lock_guard guard(m_lock);
+}
+
+bool LocalIndex::write(const MemeList& memes, const QString& signature, std::thread& encoder,
+                       const std::vector<QByteArray>& json) {
     // The commit would copy the whole catalog from the log into the file and sync it before
     // returning; a second connection does that afterwards instead.
     exec(QStringLiteral("PRAGMA wal_autocheckpoint=0"));
@@ -192,10 +252,7 @@ void LocalIndex::rebuild(const MemeList& memes, const QString& signature) {
     }
 
     const QString memeInsert = QStringLiteral("INSERT INTO memes(id, json) VALUES(?1, ?2)");
-    {
-        std::unique_lock wait(encodedLock);
-        encodedSignal.wait(wait, [&] { return encoded; });
-    }
+    encoder.join();
     {
         Statement memeRow(m_db, memeInsert);
         for (qsizetype i = 0; memeRow && i < memes.size(); ++i) {
@@ -211,34 +268,21 @@ void LocalIndex::rebuild(const MemeList& memes, const QString& signature) {
     }
     exec(QStringLiteral("INSERT OR REPLACE INTO meta(k, v) VALUES('sig', '") + signature +
          QStringLiteral("')"));
+    if (m_beforeCommit)
+        m_beforeCommit();
     exec(QStringLiteral("COMMIT"));
     exec(QStringLiteral("PRAGMA wal_autocheckpoint=1000"));
-    checkpointInBackground();
-    helper.join();
-
-    // The mirror was read from the same text the table got; when any row went missing it is
-    // read back from the table instead, at the next search.
-    m_mirror.reset();
-    m_mirrorFailed = false;
-    m_mirrorChanges = -1;
-    if (ftsComplete && mirror) {
-        m_mirror = std::move(mirror);
-        m_mirrorChanges = sqlite3_total_changes64(m_db);
-        m_mirrorDataVersion = dataVersion();
-    }
+    return ftsComplete;
 }
 
-void LocalIndex::checkpointInBackground() {
-    if (m_checkpoint.joinable())
-        m_checkpoint.join();
-    m_checkpoint = std::thread([file = m_path.toUtf8()] {
-        sqlite3* db = nullptr;
-        // PASSIVE neither waits for nor blocks the index's own connection; what it cannot
-        // copy now, a later checkpoint (at the latest on close) does.
-        if (sqlite3_open_v2(file.constData(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK)
-            sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
-        sqlite3_close(db);
-    });
+void LocalIndex::checkpoint() {
+    sqlite3* db = nullptr;
+    const QByteArray file = m_path.toUtf8();
+    // PASSIVE neither waits for nor blocks the index's own connection; what it cannot copy
+    // now, a later checkpoint (at the latest on close) does.
+    if (sqlite3_open_v2(file.constData(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK)
+        sqlite3_wal_checkpoint_v2(db, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr);
+    sqlite3_close(db);
 }
 
 bool LocalIndex::emptyFts() {
@@ -304,11 +348,26 @@ QStringList LocalIndex::search(const QString& text, int limit) {
     const QStringList tokens = TextFold::tokens(text);
     if (tokens.isEmpty())
         return {};
+    {
+        // While a rebuild commits, its mirror already answers; before the mirror is ready,
+        // waiting for it is shorter than waiting for the commit.
+        std::unique_lock mirrorGuard(m_mirrorLock);
+        m_mirrorChanged.wait(mirrorGuard, [this] { return !m_mirrorPending; });
+        if (m_committing) {
+            if (auto ids = searchMirror(tokens, limit)) {
+                m_lastSearchFast = true;
+                return *ids;
+            }
+        }
+    }
     std::lock_guard guard(m_lock);
-    ensureMirror();
-    if (auto ids = searchMirror(tokens, limit)) {
-        m_lastSearchFast = true;
-        return *ids;
+    {
+        std::lock_guard mirrorGuard(m_mirrorLock);
+        ensureMirror();
+        if (auto ids = searchMirror(tokens, limit)) {
+            m_lastSearchFast = true;
+            return *ids;
+        }
     }
     m_lastSearchFast = false;
     return runMatchQuery(matchExpression(text), limit);
@@ -371,6 +430,7 @@ std::optional<QString> LocalIndex::storedSignature() {
 
 void LocalIndex::prepareFastPath() {
     std::lock_guard guard(m_lock);
+    std::lock_guard mirrorGuard(m_mirrorLock);
     ensureMirror();
 }
 

@@ -5,11 +5,15 @@
 
 #include <QString>
 #include <QStringList>
+#include <atomic>
+#include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <thread>
+#include <vector>
 
 struct sqlite3;
 class FtsMirror;
@@ -21,6 +25,10 @@ class FtsTokenizer;
 //
 // Keystrokes are answered from an in-memory mirror of the fts table that reproduces FTS5's
 // own bm25 ordering exactly; the SQL query stays the reference and the fallback.
+//
+// A rebuild writes the table on a thread of its own, which holds the lock until the new
+// catalog is committed, and returns as soon as the mirror of the new catalog is ready: from
+// then on search() answers from it, and everything that reads the file waits for the commit.
 class LocalIndex {
 public:
     // Opens (creating) the database at `path`, creating its folder; runs the set-up statements.
@@ -38,13 +46,22 @@ public:
     std::optional<QString> scalar(const QString& sql);
     std::mutex& lock() { return m_lock; }
 
-    // Replaces the whole content in one transaction and leaves the mirror ready. Any thread;
-    // holds the lock throughout. Copying the committed log into the file continues on a
-    // thread of its own afterwards.
+    // Replaces the whole content in one transaction. Any thread not holding lock(); rebuilds
+    // run one at a time. Returns once search() answers from `memes`; the transaction is then
+    // still being written and committed on another thread, which holds the lock until it is
+    // done, so lock() and everything that takes it (searchPlain(), loadCached(),
+    // storedSignature()) see only the committed catalog. Copying the committed log into the
+    // file follows on that thread without the lock. Should an fts row fail to insert, the
+    // mirror still answers until the commit and the table is read back afterwards.
     void rebuild(const MemeList& memes, const QString& signature);
+    // Returns once the transaction of the last rebuild() that returned is committed, so that
+    // other connections see it and the caller may use the connection again.
+    void waitUntilCommitted();
     // Every stored item in catalog order; absent when nothing decodes. Takes the lock.
     std::optional<MemeList> loadCached();
-    // Ids of the best matches for `text`, best first, at most `limit`. Takes the lock.
+    // Ids of the best matches for `text`, best first, at most `limit`. Takes the lock, except
+    // while a rebuild commits: then the new catalog's mirror answers without it. A search
+    // that arrives while that mirror is still being built waits for the mirror.
     QStringList search(const QString& text, int limit);
     // The stored catalog signature (meta 'sig'). Takes the lock.
     std::optional<QString> storedSignature();
@@ -58,6 +75,10 @@ public:
     void prepareFastPath();
     // How the last search() was answered: true from memory, false through SQL. For tests.
     bool lastSearchWasFast() const { return m_lastSearchFast; }
+    // Runs on the rebuild's writing thread, holding lock(), just before COMMIT. For tests
+    // that need a commit to stay in progress while they look; set it while no rebuild is
+    // committing (after waitUntilCommitted()).
+    void setBeforeCommitForTests(std::function<void()> hook) { m_beforeCommit = std::move(hook); }
 
     // The MATCH text search() sends for `text`: quoted prefix terms of its folded tokens
     // joined by spaces; empty when the text has no tokens.
@@ -67,6 +88,10 @@ private:
     LocalIndex(sqlite3* db, QString path);
     QStringList runMatchQuery(const QString& match, int limit);
     std::optional<QStringList> searchMirror(const QStringList& tokens, int limit);
+    // Writes the whole transaction; `json` holds the items' rows once `encoder` is joined.
+    // False when an fts row failed.
+    bool write(const MemeList& memes, const QString& signature, std::thread& encoder,
+               const std::vector<QByteArray>& json);
     bool emptyFts();
     static std::unique_ptr<FtsMirror> mirrorOf(const MemeList& memes,
                                                const FtsTokenizer& tokenizer);
@@ -74,19 +99,34 @@ private:
     void buildMirror();
     bool mirrorIsCurrent();
     std::int64_t dataVersion();
-    void checkpointInBackground();
+    void checkpoint();
 
     sqlite3* m_db = nullptr;
     QString m_path;
+    // The connection, and what is only touched with it: m_mirrorChanges, m_mirrorDataVersion.
     std::mutex m_lock;
     std::unique_ptr<FtsTokenizer> m_tokenizer;
-    std::unique_ptr<FtsMirror> m_mirror;
     // What the connection looked like when the mirror was read, to notice writes made since
     // (through exec() or by another connection) and read it again.
     std::int64_t m_mirrorChanges = -1;
     std::int64_t m_mirrorDataVersion = -1;
+
+    // The mirror and the rebuild's progress, which searches read while the writing thread
+    // holds m_lock. Taken after m_lock when both are needed. m_tokenizer is used under it too,
+    // except by the rebuild, which owns it while m_mirrorPending.
+    std::mutex m_mirrorLock;
+    std::condition_variable m_mirrorChanged;
+    std::unique_ptr<FtsMirror> m_mirror;
     bool m_mirrorFailed = false;
-    bool m_lastSearchFast = false;
-    // Copies a rebuild's pages from the write-ahead log into the file after rebuild() returned.
-    std::thread m_checkpoint;
+    // The writing thread holds m_lock and the new mirror is being built: a search waits for it
+    // rather than for the commit.
+    bool m_mirrorPending = false;
+    // The writing thread holds m_lock and m_mirror (when set) is the catalog being committed.
+    bool m_committing = false;
+    std::atomic<bool> m_lastSearchFast = false;
+
+    // One rebuild at a time; each joins the previous writing thread before starting its own.
+    std::mutex m_rebuildLock;
+    std::thread m_writer;
+    std::function<void()> m_beforeCommit;
 };

@@ -137,5 +137,7 @@ TEST(FtsMirror, FollowsTheTableThroughRebuildsReopeningAndOutsideWrites) {
     auto other = LocalIndex::open(path);
     ASSERT_TRUE(other);
     other->rebuild(SyntheticCatalog::generate(500, 4), QString(64, QLatin1Char('4')));
+    // rebuild() returns before the commit; this connection sees the write once it is in.
+    other->waitUntilCommitted();
     EXPECT_TRUE(sameAsPlainQuery(*reopened, queries, {60, 180}));
 }

@@ -2,8 +2,11 @@
 #include "searchtesthelpers.h"
 
 #include <QFile>
+#include <algorithm>
 #include <atomic>
+#include <future>
 #include <mutex>
+#include <sqlite3.h>
 #include <thread>
 
 using namespace SearchTest;
@@ -42,6 +45,36 @@ private:
 
 const QString sig1(64, QLatin1Char('1'));
 const QString sig2(64, QLatin1Char('2'));
+
+// What a separate connection to the file sees committed: the stored signature.
+std::optional<QString> committedSignature(const QString& path) {
+    sqlite3* db = nullptr;
+    std::optional<QString> sig;
+    sqlite3_stmt* stmt = nullptr;
+    if (sqlite3_open_v2(path.toUtf8().constData(), &db, SQLITE_OPEN_READONLY, nullptr) ==
+            SQLITE_OK &&
+        sqlite3_prepare_v2(db, "SELECT v FROM meta WHERE k='sig'", -1, &stmt, nullptr) ==
+            SQLITE_OK &&
+        sqlite3_step(stmt) == SQLITE_ROW)
+        sig = QString::fromUtf8(reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0)));
+    sqlite3_finalize(stmt);
+    sqlite3_close(db);
+    return sig;
+}
+
+// Catalogs whose every item matches "shared", told apart by their id prefix.
+MemeList sharedCatalog(const QString& prefix, int count) {
+    MemeList memes;
+    for (int i = 0; i < count; ++i)
+        memes.append(meme(prefix + QString::number(i), QStringLiteral("shared word ") + prefix,
+                          i % 7, {QStringLiteral("kw%1").arg(i % 13)}));
+    return memes;
+}
+
+bool allStartWith(const QStringList& ids, const QString& prefix) {
+    return std::all_of(ids.begin(), ids.end(),
+                       [&](const QString& id) { return id.startsWith(prefix); });
+}
 
 } // namespace
 
@@ -106,6 +139,7 @@ TEST(LocalIndex, LoadSkipsRowsThatDoNotDecode) {
     auto index = LocalIndex::open(freshIndexPath());
     ASSERT_TRUE(index);
     index->rebuild({meme(QStringLiteral("ok"), QStringLiteral("fine"))}, sig1);
+    index->waitUntilCommitted();
     ASSERT_TRUE(index->exec(QStringLiteral("INSERT INTO memes VALUES('bad', x'7b7d')")));
     ASSERT_TRUE(index->exec(QStringLiteral("INSERT INTO memes VALUES('empty', x'')")));
     ASSERT_TRUE(index->exec(QStringLiteral("INSERT INTO memes VALUES('junk', 'not json')")));
@@ -198,4 +232,94 @@ TEST(LocalIndex, SearchDuringRebuildSeesOneCatalogWhole) {
             ASSERT_TRUE(id.startsWith(prefix)) << "mixed old and new rows";
     }
     writer.join();
+}
+
+TEST(LocalIndex, AnswersFromTheNewCatalogWhileItsCommitIsStillOpen) {
+    const QString path = freshIndexPath();
+    auto index = LocalIndex::open(path);
+    ASSERT_TRUE(index);
+    index->rebuild(sharedCatalog(QStringLiteral("old"), 300), sig1);
+    index->waitUntilCommitted();
+    ASSERT_EQ(committedSignature(path), sig1);
+
+    // The writing thread stops just before COMMIT until the test lets it go.
+    std::promise<void> reached;
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    index->setBeforeCommitForTests([&reached, released] {
+        reached.set_value();
+        released.wait();
+    });
+    const MemeList fresh = sharedCatalog(QStringLiteral("new"), 500);
+    index->rebuild(fresh, sig2);
+    reached.get_future().wait();
+
+    // Nothing is committed yet, and the keystroke path already answers from the new catalog.
+    EXPECT_EQ(committedSignature(path), sig1);
+    const QStringList during = index->search(QStringLiteral("shared"), 1000);
+    EXPECT_TRUE(index->lastSearchWasFast());
+    EXPECT_EQ(during.size(), 500);
+    EXPECT_TRUE(allStartWith(during, QStringLiteral("new")));
+    const QStringList twoWords = index->search(QStringLiteral("sha kw1"), 60);
+    EXPECT_TRUE(index->lastSearchWasFast());
+
+    // What needs the file waits for the commit and then sees the new catalog, never the old.
+    auto plain = std::async(std::launch::async,
+                            [&] { return index->searchPlain(QStringLiteral("shared"), 1000); });
+    auto twoWordsPlain = std::async(
+        std::launch::async, [&] { return index->searchPlain(QStringLiteral("sha kw1"), 60); });
+    auto signature = std::async(std::launch::async, [&] { return index->storedSignature(); });
+    auto loaded = std::async(std::launch::async, [&] { return index->loadCached(); });
+    release.set_value();
+    EXPECT_EQ(plain.get(), during) << "the early answer is the committed table's";
+    EXPECT_EQ(twoWordsPlain.get(), twoWords);
+    EXPECT_EQ(signature.get(), sig2);
+    EXPECT_EQ(loaded.get(), fresh);
+    index->waitUntilCommitted();
+    EXPECT_EQ(committedSignature(path), sig2);
+    index->setBeforeCommitForTests({});
+
+    // After the commit the same mirror stays in use, and agrees with the table.
+    EXPECT_EQ(index->search(QStringLiteral("shared"), 1000), during);
+    EXPECT_TRUE(index->lastSearchWasFast());
+}
+
+TEST(LocalIndex, SearchesWaitingForARebuildGetItsCatalog) {
+    auto index = LocalIndex::open(freshIndexPath());
+    ASSERT_TRUE(index);
+    index->rebuild(sharedCatalog(QStringLiteral("old"), 200), sig1);
+    index->waitUntilCommitted();
+
+    std::promise<void> reached;
+    std::promise<void> release;
+    std::shared_future<void> released = release.get_future().share();
+    index->setBeforeCommitForTests([&reached, released] {
+        reached.set_value();
+        released.wait();
+    });
+    // Searches started alongside a rebuild see one catalog whole, whichever it is, and a
+    // search started after rebuild() returned sees only the new one, commit or not.
+    std::atomic<bool> returned = false;
+    std::vector<std::future<std::pair<bool, QStringList>>> searches;
+    for (int i = 0; i < 4; ++i)
+        searches.push_back(std::async(std::launch::async, [&] {
+            const bool after = returned;
+            return std::pair(after, index->search(QStringLiteral("shared"), 1000));
+        }));
+    index->rebuild(sharedCatalog(QStringLiteral("new"), 300), sig2);
+    returned = true;
+    reached.get_future().wait();
+    const QStringList now = index->search(QStringLiteral("shared"), 1000);
+    release.set_value();
+    EXPECT_EQ(now.size(), 300);
+    EXPECT_TRUE(allStartWith(now, QStringLiteral("new")));
+    for (auto& search : searches) {
+        const auto [after, got] = search.get();
+        const bool isNew = got.size() == 300 && allStartWith(got, QStringLiteral("new"));
+        const bool isOld = got.size() == 200 && allStartWith(got, QStringLiteral("old"));
+        EXPECT_TRUE(isNew || (isOld && !after))
+            << got.join(QLatin1Char(',')).left(200).toStdString();
+    }
+    index->waitUntilCommitted();
+    index->setBeforeCommitForTests({});
 }

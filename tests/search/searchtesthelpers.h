@@ -52,8 +52,12 @@ inline QString freshIndexPath() {
 
 inline std::unique_ptr<LocalIndex> indexWith(const MemeList& memes) {
     auto index = LocalIndex::open(freshIndexPath());
-    if (index)
+    if (index) {
         index->rebuild(memes, QString(64, QLatin1Char('a')));
+        // Tests go on to use the connection directly, which the writing thread holds until
+        // the commit.
+        index->waitUntilCommitted();
+    }
     return index;
 }
 
