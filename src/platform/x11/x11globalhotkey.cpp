@@ -8,6 +8,10 @@
 #include <X11/keysym.h>
 #include <xcb/xcb.h>
 #include <xcb/xcb_keysyms.h>
+// The XKB header names a struct field `explicit`, which C++ reserves.
+#define explicit explicit_
+#include <xcb/xkb.h>
+#undef explicit
 
 namespace {
 
@@ -36,7 +40,35 @@ X11GlobalHotkey::X11GlobalHotkey(QObject* parent) : GlobalHotkey(parent) {
     m_connection = x11->connection();
     m_root = xcb_setup_roots_iterator(xcb_get_setup(m_connection)).data->root;
     m_symbols = xcb_key_symbols_alloc(m_connection);
+    selectKeymapEvents();
     qGuiApp->installNativeEventFilter(this);
+}
+
+void X11GlobalHotkey::selectKeymapEvents() {
+    const xcb_query_extension_reply_t* xkb = xcb_get_extension_data(m_connection, &xcb_xkb_id);
+    if (!xkb || !xkb->present)
+        return;
+    xcb_xkb_use_extension_reply_t* use = xcb_xkb_use_extension_reply(
+        m_connection,
+        xcb_xkb_use_extension(m_connection, XCB_XKB_MAJOR_VERSION, XCB_XKB_MINOR_VERSION), nullptr);
+    const bool supported = use && use->supported;
+    free(use);
+    if (!supported)
+        return;
+    // Only these bits are touched, so whatever else the connection's owner (Qt) selected stays.
+    constexpr std::uint16_t events =
+        XCB_XKB_EVENT_TYPE_NEW_KEYBOARD_NOTIFY | XCB_XKB_EVENT_TYPE_MAP_NOTIFY;
+    constexpr std::uint16_t mapParts =
+        XCB_XKB_MAP_PART_KEY_TYPES | XCB_XKB_MAP_PART_KEY_SYMS | XCB_XKB_MAP_PART_MODIFIER_MAP;
+    xcb_generic_error_t* error = xcb_request_check(
+        m_connection, xcb_xkb_select_events_checked(m_connection, XCB_XKB_ID_USE_CORE_KBD, events,
+                                                    0, events, mapParts, mapParts, nullptr));
+    if (error) {
+        qCWarning(lcPlatformX11) << "XkbSelectEvents failed:" << error->error_code;
+        free(error);
+        return;
+    }
+    m_xkbFirstEvent = xkb->first_event;
 }
 
 X11GlobalHotkey::~X11GlobalHotkey() {
@@ -143,12 +175,30 @@ bool X11GlobalHotkey::nativeEventFilter(const QByteArray& eventType, void* messa
             emit pressed(press->time);
             return true;
         }
-    } else if (type == XCB_MAPPING_NOTIFY && m_combo) {
-        // The keyboard layout changed: keycodes may now mean other keys.
+    } else if (type == XCB_MAPPING_NOTIFY) {
         xcb_refresh_keyboard_mapping(m_symbols,
                                      reinterpret_cast<xcb_mapping_notify_event_t*>(event));
-        ungrab();
-        grab();
+        keymapChanged();
+    } else if (m_xkbFirstEvent && type == m_xkbFirstEvent) {
+        // All XKB events share one code; the kind is in the second byte.
+        const std::uint8_t kind = reinterpret_cast<xcb_xkb_map_notify_event_t*>(event)->xkbType;
+        if (kind == XCB_XKB_NEW_KEYBOARD_NOTIFY || kind == XCB_XKB_MAP_NOTIFY) {
+            // The cached core mapping knows nothing of XKB changes: fetch it afresh.
+            xcb_key_symbols_free(m_symbols);
+            m_symbols = xcb_key_symbols_alloc(m_connection);
+            keymapChanged();
+        }
     }
     return false;
+}
+
+void X11GlobalHotkey::keymapChanged() {
+    // The layout changed: the key may now sit on other keycodes, NumLock on another modifier.
+    if (!m_combo)
+        return;
+    ungrab();
+    if (!grab())
+        qCWarning(lcPlatformX11).noquote()
+            << QStringLiteral("%1 no longer works after the keyboard layout changed")
+                   .arg(m_combo->label);
 }

@@ -12,7 +12,8 @@ struct _XCBKeySymbols;
 
 // Grabs the shortcut on the X root window: every keycode that produces the key, once per
 // lock-key variant (none, NumLock, CapsLock, both), so it works whatever locks are on.
-// Regrabs after keyboard-mapping changes.
+// Regrabs after keyboard-mapping changes: core MappingNotify, and the XKB keymap events that
+// an XKB-aware connection such as Qt's gets instead when the layout changes.
 class X11GlobalHotkey : public GlobalHotkey, public QAbstractNativeEventFilter {
     Q_OBJECT
 public:
@@ -29,6 +30,8 @@ private:
     bool grab();
     void ungrab();
     std::uint16_t numLockMask();
+    void selectKeymapEvents();
+    void keymapChanged();
 
     xcb_connection_t* m_connection = nullptr;
     std::uint32_t m_root = 0;
@@ -36,4 +39,6 @@ private:
     std::optional<HotKeyCombo> m_combo;
     QList<std::uint8_t> m_keycodes;
     std::uint16_t m_modifiers = 0;
+    // The XKB extension's first event code; 0 where the server has no XKB.
+    std::uint8_t m_xkbFirstEvent = 0;
 };
