@@ -78,6 +78,7 @@ PickerPanel::PickerPanel(PickerModel& model, ThumbnailCache* thumbnails, QWidget
     m_grid->setFrameShape(QFrame::NoFrame);
     m_grid->setItemDelegate(m_delegate);
     m_grid->setModel(m_gridModel);
+    m_grid->viewport()->installEventFilter(this);
 
     m_status = new QLabel(this);
     m_status->setObjectName(QStringLiteral("status"));
@@ -209,8 +210,16 @@ void PickerPanel::requestMoreIfNeeded() {
 }
 
 bool PickerPanel::eventFilter(QObject* watched, QEvent* event) {
-    if (watched == m_search && event->type() == QEvent::KeyPress)
-        return handleKey(static_cast<QKeyEvent*>(event));
+    if (watched == m_search) {
+        if (event->type() == QEvent::KeyPress)
+            return handleKey(static_cast<QKeyEvent*>(event));
+    } else if (event->type() == QEvent::Resize) {
+        // The grid's viewport (the other object watched; the search field's filter is set
+        // before the grid exists). It gets its real width only after the panel's resize (on
+        // first show it is not laid out yet then) and loses some to the scroll bar: the
+        // columns follow it.
+        updateColumns();
+    }
     return QWidget::eventFilter(watched, event);
 }
 

@@ -1,0 +1,230 @@
+// SPDX-License-Identifier: MIT
+#include "app/appdelegate.h"
+#include "app/panelcontroller.h"
+#include "support/desktop.h"
+#include "support/testenv.h"
+#include "support/xvfbsession.h"
+#include "ui/pickerpanel.h"
+#include "ui/toast.h"
+
+#include <QApplication>
+#include <QMenu>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QSignalSpy>
+#include <QStyleHints>
+#include <QSystemTrayIcon>
+#include <QTest>
+
+namespace {
+
+const QString hiddenTrayMessage =
+    QStringLiteral("Your desktop shows no tray icons, so the Orvane icon is hidden. Use ⋯ in the "
+                   "panel for the menu.");
+
+// A freedesktop (XEmbed) system tray on the test display, as a desktop panel provides.
+class TrayHost {
+public:
+    ~TrayHost() {
+        if (m_process.state() == QProcess::NotRunning)
+            return;
+        m_process.terminate();
+        if (!m_process.waitForFinished(3000))
+            m_process.kill();
+        m_process.waitForFinished(1000);
+    }
+    bool start(QString* why) {
+        if (!XvfbSession::available(QStringLiteral("trayer"))) {
+            *why = QStringLiteral("trayer is not installed");
+            return false;
+        }
+        m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_process.start(QStringLiteral("trayer"),
+                        {QStringLiteral("--edge"), QStringLiteral("top"), QStringLiteral("--align"),
+                         QStringLiteral("right"), QStringLiteral("--widthtype"),
+                         QStringLiteral("request"), QStringLiteral("--height"),
+                         QStringLiteral("32"), QStringLiteral("--SetDockType"),
+                         QStringLiteral("true")});
+        // Ready once it owns the tray selection, which is also what Qt looks for.
+        if (!QTest::qWaitFor([] { return QSystemTrayIcon::isSystemTrayAvailable(); }, 10000)) {
+            *why = QStringLiteral("trayer did not claim the tray selection");
+            return false;
+        }
+        return true;
+    }
+
+private:
+    QProcess m_process;
+};
+
+// One window as the X server sees it.
+struct XWindowInfo {
+    bool viewable = false;
+    QRect geometry; // in root coordinates
+    QString parent;
+    QString root;
+};
+
+std::optional<XWindowInfo> xwininfo(WId window) {
+    const QString id = QStringLiteral("0x%1").arg(window, 0, 16);
+    QByteArray attributes;
+    QByteArray tree;
+    if (!XvfbSession::run(QStringLiteral("xwininfo"), {QStringLiteral("-id"), id}, &attributes) ||
+        !XvfbSession::run(QStringLiteral("xwininfo"),
+                          {QStringLiteral("-children"), QStringLiteral("-id"), id}, &tree))
+        return std::nullopt;
+    const auto field = [](const QByteArray& text, const char* name) {
+        const QRegularExpression pattern(QStringLiteral("%1:\\s*(\\S+)").arg(QLatin1String(name)));
+        return pattern.match(QString::fromUtf8(text)).captured(1);
+    };
+    XWindowInfo info;
+    info.viewable = field(attributes, "Map State") == QLatin1String("IsViewable");
+    info.geometry = QRect(field(attributes, "Absolute upper-left X").toInt(),
+                          field(attributes, "Absolute upper-left Y").toInt(),
+                          field(attributes, "Width").toInt(), field(attributes, "Height").toInt());
+    info.parent = field(tree, "Parent window id");
+    info.root = field(tree, "Root window id");
+    return info;
+}
+
+// The window Qt's XEmbed tray support creates for the icon.
+QWidget* trayIconWindow() {
+    for (QWidget* widget : QApplication::topLevelWidgets())
+        if (widget->objectName() == QLatin1String("QSystemTrayIconSys"))
+            return widget;
+    return nullptr;
+}
+
+QMenu* openPopupMenu() {
+    return qobject_cast<QMenu*>(QApplication::activePopupWidget());
+}
+
+// Right-clicks the tray icon where the X server has it now and returns the menu that opens.
+// A click can miss while the tray host settles (it re-docks icons once it has announced
+// itself), so it clicks again, each time a double-click interval after the last: a quicker
+// second press would be taken as a double click.
+QMenu* rightClickTrayIcon(QPoint* clickedAt) {
+    const int interval = QGuiApplication::styleHints()->mouseDoubleClickInterval() + 100;
+    const auto menuOpen = [] { return openPopupMenu() && openPopupMenu()->isVisible(); };
+    const bool opened = QTest::qWaitFor(
+        [&] {
+            const QWidget* icon = trayIconWindow();
+            const std::optional<XWindowInfo> info = icon ? xwininfo(icon->winId()) : std::nullopt;
+            if (!info || !info->viewable)
+                return false;
+            *clickedAt = info->geometry.center();
+            return XvfbSession::run(QStringLiteral("xdotool"),
+                                    {QStringLiteral("mousemove"), QString::number(clickedAt->x()),
+                                     QString::number(clickedAt->y()), QStringLiteral("click"),
+                                     QStringLiteral("3")}) &&
+                   QTest::qWaitFor(menuOpen, interval);
+        },
+        10000);
+    return opened ? openPopupMenu() : nullptr;
+}
+
+bool closeMenuWithEscape() {
+    return XvfbSession::run(QStringLiteral("xdotool"),
+                            {QStringLiteral("key"), QStringLiteral("Escape")}) &&
+           QTest::qWaitFor([] { return openPopupMenu() == nullptr; }, 5000);
+}
+
+QStringList titles(const QMenu* menu) {
+    QStringList out;
+    for (const QAction* action : menu->actions())
+        if (!action->isSeparator())
+            out.append(action->text());
+    return out;
+}
+
+QStringList checkedIn(const QMenu* menu, const QString& submenu) {
+    QStringList out;
+    for (const QAction* action : menu->actions())
+        if (action->text() == submenu && action->menu())
+            for (const QAction* choice : action->menu()->actions())
+                if (choice->isChecked())
+                    out.append(choice->text());
+    return out;
+}
+
+class TrayIcon : public testing::Test {
+protected:
+    void SetUp() override {
+        GLIMMET_REQUIRE_DESKTOP();
+        // An unreachable server: the tray does not depend on the catalog.
+        settings = TestEnv::installConfig(
+            {{QStringLiteral("MEME_SERVER"), QStringLiteral("http://127.0.0.1:9")}});
+    }
+    void TearDown() override { app.reset(); }
+
+    void startApp() {
+        app = std::make_unique<AppDelegate>(CommandLine{});
+        app->start();
+    }
+
+    std::shared_ptr<SettingsStore> settings;
+    std::unique_ptr<AppDelegate> app;
+};
+
+} // namespace
+
+TEST_F(TrayIcon, IconSitsInTheTrayAndRightClickOpensTheCurrentMenu) {
+    TrayHost tray;
+    QString why;
+    if (!tray.start(&why))
+        GTEST_SKIP() << why.toStdString();
+    startApp();
+
+    // The icon's window is reparented into the tray host and shown there.
+    QWidget* icon = nullptr;
+    std::optional<XWindowInfo> info;
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] {
+            icon = trayIconWindow();
+            info = icon ? xwininfo(icon->winId()) : std::nullopt;
+            return info && info->viewable && info->parent != info->root &&
+                   !info->geometry.isEmpty();
+        },
+        10000))
+        << "the tray host did not embed the icon";
+
+    // With a tray the panel opens without the hidden-icon guidance.
+    QSignalSpy shown(&app->panelController(), &PanelController::shown);
+    app->panelController().show();
+    ASSERT_EQ(shown.count(), 1);
+    EXPECT_FALSE(app->panelController().panel()->findChild<Toast*>()->isVisible());
+    app->panelController().hide();
+
+    QPoint click;
+    QMenu* menu = rightClickTrayIcon(&click);
+    ASSERT_NE(menu, nullptr) << "right-clicking the icon opened no menu";
+    EXPECT_EQ(titles(menu),
+              (QStringList{"Hotkey", "Launch at login", "Image cache limit", "Reset picker size",
+                           "Clear recent and most used…", "Quit"}));
+    EXPECT_EQ(checkedIn(menu, QStringLiteral("Image cache limit")), QStringList{"500 MB"});
+    // It opens at the icon: a corner of the menu sits at the pointer.
+    EXPECT_TRUE(menu->geometry().adjusted(-4, -4, 4, 4).contains(click))
+        << "menu at " << menu->geometry().x() << "," << menu->geometry().y() << ", click at "
+        << click.x() << "," << click.y();
+    ASSERT_TRUE(closeMenuWithEscape()) << "Escape did not close the tray menu";
+
+    // Opened again, it shows a setting changed in between, and each item once.
+    DebugFlags::setCacheMB(2000);
+    menu = rightClickTrayIcon(&click);
+    ASSERT_NE(menu, nullptr);
+    EXPECT_EQ(checkedIn(menu, QStringLiteral("Image cache limit")), QStringList{"2000 MB"});
+    EXPECT_EQ(titles(menu).count(QStringLiteral("Quit")), 1);
+    ASSERT_TRUE(closeMenuWithEscape());
+}
+
+TEST_F(TrayIcon, WithoutATrayThePanelSaysWhereTheMenuWent) {
+    // A tray host from an earlier test may still be going away.
+    ASSERT_TRUE(QTest::qWaitFor([] { return !QSystemTrayIcon::isSystemTrayAvailable(); }, 10000));
+    startApp();
+    EXPECT_EQ(trayIconWindow(), nullptr);
+
+    app->panelController().show();
+    const Toast* toast = app->panelController().panel()->findChild<Toast*>();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return toast->isVisible(); }, 5000));
+    EXPECT_EQ(toast->text(), hiddenTrayMessage);
+}
