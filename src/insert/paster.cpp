@@ -230,22 +230,24 @@ void Paster::restoreStep(const RunPtr& run) {
         finish(run, false, noTextFieldReason);
         return;
     }
-    if (m_writer.changeCount() == run->changesAfterWrite) {
-        restoreAndVerify(run);
-        return;
-    }
-    // Something took the clipboard over. A clipboard manager re-serving our entry keeps our
-    // marker, and then the user's clipboard still goes back.
+    // Our marker still on the clipboard means nobody copied since: that also holds when a
+    // clipboard manager took our entry over (it copies every type). The change count only
+    // decides when the owner does not say in time.
     const QString marker = ClipboardSnapshot::ownerMarkerType;
     m_desktop.reader->read(
         [marker](const QString& type) { return type == marker; }, markerLimits, this,
         [this, run, marker](const ClipboardContents& now) {
             if (!isCurrent(run))
                 return;
-            const bool ours =
-                std::any_of(now.types.begin(), now.types.end(), [&](const auto& entry) {
-                    return entry.first == marker && entry.second == run->marker;
-                });
+            const auto found =
+                std::find_if(now.types.begin(), now.types.end(),
+                             [&](const auto& entry) { return entry.first == marker; });
+            bool ours = m_writer.changeCount() == run->changesAfterWrite;
+            if (found != now.types.end())
+                ours = found->second == run->marker;
+            else if (now.owned && now.complete)
+                ours = false; // an owner that answered without our marker
+
             if (ours)
                 restoreAndVerify(run);
             else
