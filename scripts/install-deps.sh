@@ -13,8 +13,8 @@ packages=(
     # The accessibility bus, through which a paste asks what has the keyboard, and GTK's
     # bridge to it.
     at-spi2-core libatk-adaptor
-    # Programs the paste tests paste into.
-    mousepad chromium
+    # Programs the paste tests paste into, a tray for the tray test, setxkbmap.
+    mousepad chromium trayer x11-xkb-utils
 )
 # The demo catalog's art comes from the npm registry: any Node.js with npm will do.
 command -v npm >/dev/null || packages+=(npm)

@@ -6,4 +6,6 @@ cd "$(dirname "$0")/.."
 preset=${1:-dev}
 scripts/install-deps.sh
 scripts/build.sh "$preset"
+# Everything the desktop suites need was just installed: a display that fails is an error.
+export GLIMMET_DESKTOP_TESTS=required
 ctest --preset "$preset" -j"$(nproc)"

@@ -69,6 +69,7 @@ inline QByteArray sha256(const QByteArray& bytes) {
 class PasteTarget {
 public:
     bool start(const QStringList& args = {}) {
+        XvfbSession::endWithTest(m_process);
         m_process.setProgram(QStringLiteral(PASTE_TARGET_BINARY));
         m_process.setArguments(args);
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();

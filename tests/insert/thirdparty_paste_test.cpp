@@ -15,6 +15,7 @@ public:
         m_process.waitForFinished(3000);
     }
     bool start(const QString& program, const QStringList& args, const QString& windowName) {
+        XvfbSession::endWithTest(m_process);
         m_process.setProgram(program);
         m_process.setArguments(args);
         // Browsers complain at length about the missing system bus.

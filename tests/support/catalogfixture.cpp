@@ -2,6 +2,7 @@
 #include "support/catalogfixture.h"
 
 #include "catalog/catalogjson.h"
+#include "support/xvfbsession.h"
 
 #include <QColor>
 #include <QDeadlineTimer>
@@ -86,6 +87,7 @@ void CatalogFixture::writeCatalog(const QString& root, int cats, int dogs) {
 
 bool CatalogFixture::start(const QString& serverBinary, const QString& root, QString* why) {
     m_server = std::make_unique<QProcess>();
+    XvfbSession::endWithTest(*m_server);
     m_server->setProcessChannelMode(QProcess::SeparateChannels);
     m_server->start(serverBinary, {QStringLiteral("--root"), root, QStringLiteral("--port"),
                                    QStringLiteral("0")});

@@ -20,6 +20,9 @@ public:
     static bool run(const QString& program, const QStringList& args, QByteArray* out = nullptr,
                     int timeoutMs = 10000);
     static bool available(const QString& program);
+    // Makes a process started later die with the test process, even when the test crashes,
+    // so no server is left holding the caller's output open.
+    static void endWithTest(QProcess& process);
 
 private:
     QString m_display;
