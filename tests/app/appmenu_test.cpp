@@ -1,19 +1,12 @@
 // SPDX-License-Identifier: MIT
 #include "app/appdelegate.h"
+#include "menutitles.h"
 #include "support/testenv.h"
 
 #include <QMenu>
 #include <gtest/gtest.h>
 
 namespace {
-
-QStringList titles(const QMenu* menu) {
-    QStringList out;
-    for (const QAction* action : menu->actions())
-        if (!action->isSeparator())
-            out.append(action->text());
-    return out;
-}
 
 QMenu* submenu(const QMenu* menu, const QString& title) {
     for (const QAction* action : menu->actions())

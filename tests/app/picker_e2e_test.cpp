@@ -32,11 +32,8 @@ protected:
         QString why;
         if (!desktopAvailable(&why))
             GTEST_SKIP() << why.toStdString();
-        const QString root = TestEnv::freshDir();
-        CatalogFixture::writeCatalog(root, 12, 5);
-        ASSERT_TRUE(server.start(QStringLiteral(ORVANE_SERVER_BINARY), root, &why))
+        ASSERT_TRUE(server.serveAsConfigured(QStringLiteral(ORVANE_SERVER_BINARY), 12, 5, &why))
             << why.toStdString();
-        TestEnv::installConfig({{QStringLiteral("MEME_SERVER"), server.url().toString()}});
         app = std::make_unique<AppDelegate>(CommandLine{});
         app->start();
         ASSERT_TRUE(QTest::qWaitFor([&] { return app->pickerModel().hasIndex(); }, 15000));

@@ -34,12 +34,9 @@ int itemsInFirstRow(const QListView* grid) {
 TEST(PickerGrid, DownMovesToTheThumbnailBelow) {
     GLIMMET_REQUIRE_DESKTOP();
     QString why;
-    const QString root = TestEnv::freshDir();
-    CatalogFixture::writeCatalog(root, 30, 0);
     CatalogFixture server;
-    ASSERT_TRUE(server.start(QStringLiteral(ORVANE_SERVER_BINARY), root, &why))
+    ASSERT_TRUE(server.serveAsConfigured(QStringLiteral(ORVANE_SERVER_BINARY), 30, 0, &why))
         << why.toStdString();
-    TestEnv::installConfig({{QStringLiteral("MEME_SERVER"), server.url().toString()}});
     AppDelegate app{CommandLine{}};
     app.start();
     PickerModel& model = app.pickerModel();

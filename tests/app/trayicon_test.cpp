@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "app/appdelegate.h"
 #include "app/panelcontroller.h"
+#include "menutitles.h"
 #include "support/desktop.h"
 #include "support/testenv.h"
 #include "support/xvfbsession.h"
@@ -127,14 +128,6 @@ bool closeMenuWithEscape() {
     return XvfbSession::run(QStringLiteral("xdotool"),
                             {QStringLiteral("key"), QStringLiteral("Escape")}) &&
            QTest::qWaitFor([] { return openPopupMenu() == nullptr; }, 5000);
-}
-
-QStringList titles(const QMenu* menu) {
-    QStringList out;
-    for (const QAction* action : menu->actions())
-        if (!action->isSeparator())
-            out.append(action->text());
-    return out;
 }
 
 QStringList checkedIn(const QMenu* menu, const QString& submenu) {

@@ -127,11 +127,8 @@ protected:
         QString why;
         if (!desktopAvailable(&why))
             GTEST_SKIP() << why.toStdString();
-        const QString root = TestEnv::freshDir();
-        CatalogFixture::writeCatalog(root, 3, 2);
-        ASSERT_TRUE(server.start(QStringLiteral(ORVANE_SERVER_BINARY), root, &why))
+        ASSERT_TRUE(server.serveAsConfigured(QStringLiteral(ORVANE_SERVER_BINARY), 3, 2, &why))
             << why.toStdString();
-        TestEnv::installConfig({{QStringLiteral("MEME_SERVER"), server.url().toString()}});
         // As a screen reader would: programs then publish what has their keyboard.
         XvfbSession::run(
             QStringLiteral("dbus-send"),

@@ -234,6 +234,37 @@ TEST(LocalIndex, SearchDuringRebuildSeesOneCatalogWhole) {
     writer.join();
 }
 
+namespace {
+// Holds a rebuild's writing thread just before COMMIT until the test lets it go.
+class CommitGate {
+public:
+    explicit CommitGate(LocalIndex& index) : m_index(index) {
+        m_index.setBeforeCommitForTests([this, released = m_released] {
+            m_reached.set_value();
+            released.wait();
+        });
+    }
+    ~CommitGate() {
+        if (!m_open)
+            release(); // a test that failed half-way must not leave the writer waiting
+        m_index.waitUntilCommitted();
+        m_index.setBeforeCommitForTests({});
+    }
+    void waitUntilReached() { m_reached.get_future().wait(); }
+    void release() {
+        m_open = true;
+        m_release.set_value();
+    }
+
+private:
+    LocalIndex& m_index;
+    std::promise<void> m_reached;
+    std::promise<void> m_release;
+    std::shared_future<void> m_released = m_release.get_future().share();
+    bool m_open = false;
+};
+} // namespace
+
 TEST(LocalIndex, AnswersFromTheNewCatalogWhileItsCommitIsStillOpen) {
     const QString path = freshIndexPath();
     auto index = LocalIndex::open(path);
@@ -243,16 +274,10 @@ TEST(LocalIndex, AnswersFromTheNewCatalogWhileItsCommitIsStillOpen) {
     ASSERT_EQ(committedSignature(path), sig1);
 
     // The writing thread stops just before COMMIT until the test lets it go.
-    std::promise<void> reached;
-    std::promise<void> release;
-    std::shared_future<void> released = release.get_future().share();
-    index->setBeforeCommitForTests([&reached, released] {
-        reached.set_value();
-        released.wait();
-    });
+    CommitGate gate(*index);
     const MemeList fresh = sharedCatalog(QStringLiteral("new"), 500);
     index->rebuild(fresh, sig2);
-    reached.get_future().wait();
+    gate.waitUntilReached();
 
     // Nothing is committed yet, and the keystroke path already answers from the new catalog.
     EXPECT_EQ(committedSignature(path), sig1);
@@ -270,14 +295,13 @@ TEST(LocalIndex, AnswersFromTheNewCatalogWhileItsCommitIsStillOpen) {
         std::launch::async, [&] { return index->searchPlain(QStringLiteral("sha kw1"), 60); });
     auto signature = std::async(std::launch::async, [&] { return index->storedSignature(); });
     auto loaded = std::async(std::launch::async, [&] { return index->loadCached(); });
-    release.set_value();
+    gate.release();
     EXPECT_EQ(plain.get(), during) << "the early answer is the committed table's";
     EXPECT_EQ(twoWordsPlain.get(), twoWords);
     EXPECT_EQ(signature.get(), sig2);
     EXPECT_EQ(loaded.get(), fresh);
     index->waitUntilCommitted();
     EXPECT_EQ(committedSignature(path), sig2);
-    index->setBeforeCommitForTests({});
 
     // After the commit the same mirror stays in use, and agrees with the table.
     EXPECT_EQ(index->search(QStringLiteral("shared"), 1000), during);
@@ -290,13 +314,7 @@ TEST(LocalIndex, SearchesWaitingForARebuildGetItsCatalog) {
     index->rebuild(sharedCatalog(QStringLiteral("old"), 200), sig1);
     index->waitUntilCommitted();
 
-    std::promise<void> reached;
-    std::promise<void> release;
-    std::shared_future<void> released = release.get_future().share();
-    index->setBeforeCommitForTests([&reached, released] {
-        reached.set_value();
-        released.wait();
-    });
+    CommitGate gate(*index);
     // Searches started alongside a rebuild see one catalog whole, whichever it is, and a
     // search started after rebuild() returned sees only the new one, commit or not.
     std::atomic<bool> returned = false;
@@ -308,9 +326,9 @@ TEST(LocalIndex, SearchesWaitingForARebuildGetItsCatalog) {
         }));
     index->rebuild(sharedCatalog(QStringLiteral("new"), 300), sig2);
     returned = true;
-    reached.get_future().wait();
+    gate.waitUntilReached();
     const QStringList now = index->search(QStringLiteral("shared"), 1000);
-    release.set_value();
+    gate.release();
     EXPECT_EQ(now.size(), 300);
     EXPECT_TRUE(allStartWith(now, QStringLiteral("new")));
     for (auto& search : searches) {
@@ -321,5 +339,4 @@ TEST(LocalIndex, SearchesWaitingForARebuildGetItsCatalog) {
             << got.join(QLatin1Char(',')).left(200).toStdString();
     }
     index->waitUntilCommitted();
-    index->setBeforeCommitForTests({});
 }

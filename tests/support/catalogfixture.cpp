@@ -2,6 +2,7 @@
 #include "support/catalogfixture.h"
 
 #include "catalog/catalogjson.h"
+#include "support/testenv.h"
 #include "support/xvfbsession.h"
 
 #include <QColor>
@@ -106,4 +107,14 @@ bool CatalogFixture::start(const QString& serverBinary, const QString& root, QSt
     *why = QStringLiteral("orvane-server did not start: ") +
            QString::fromUtf8(out + m_server->readAllStandardError());
     return false;
+}
+
+bool CatalogFixture::serveAsConfigured(const QString& serverBinary, int cats, int dogs,
+                                       QString* why) {
+    const QString root = TestEnv::freshDir();
+    writeCatalog(root, cats, dogs);
+    if (!start(serverBinary, root, why))
+        return false;
+    TestEnv::installConfig({{QStringLiteral("MEME_SERVER"), m_url.toString()}});
+    return true;
 }

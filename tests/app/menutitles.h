@@ -1,0 +1,15 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <QAction>
+#include <QMenu>
+#include <QStringList>
+
+// The texts of a menu's items, separators left out, in order.
+inline QStringList titles(const QMenu* menu) {
+    QStringList out;
+    for (const QAction* action : menu->actions())
+        if (!action->isSeparator())
+            out.append(action->text());
+    return out;
+}
