@@ -2,6 +2,7 @@
 #include "platform/x11/x11clipboardreader.h"
 
 #include "platform/platformlog.h"
+#include "platform/x11/qtxcb.h"
 
 #include <QElapsedTimer>
 #include <QPointer>
@@ -47,11 +48,7 @@ public:
     bool ok() const { return m_c && !xcb_connection_has_error(m_c); }
     bool expired() const { return m_clock.elapsed() >= m_timeoutMs; }
 
-    xcb_atom_t atom(const char* name) {
-        Reply<xcb_intern_atom_reply_t> reply(xcb_intern_atom_reply(
-            m_c, xcb_intern_atom(m_c, 0, std::uint16_t(std::strlen(name)), name), nullptr));
-        return reply ? reply->atom : xcb_atom_t(XCB_ATOM_NONE);
-    }
+    xcb_atom_t atom(const char* name) { return internAtom(m_c, name); }
 
     bool hasOwner() {
         Reply<xcb_get_selection_owner_reply_t> reply(

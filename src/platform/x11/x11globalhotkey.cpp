@@ -3,6 +3,7 @@
 
 #include "platform/keycodes.h"
 #include "platform/platformlog.h"
+#include "platform/x11/qtxcb.h"
 
 #include <QGuiApplication>
 #include <X11/keysym.h>
@@ -34,11 +35,11 @@ constexpr std::uint16_t relevantModifiers =
 } // namespace
 
 X11GlobalHotkey::X11GlobalHotkey(QObject* parent) : GlobalHotkey(parent) {
-    auto* x11 = qGuiApp ? qGuiApp->nativeInterface<QNativeInterface::QX11Application>() : nullptr;
-    if (!x11 || !x11->connection())
+    const QtXcb xcb = QtXcb::get();
+    if (!xcb.connection)
         return;
-    m_connection = x11->connection();
-    m_root = xcb_setup_roots_iterator(xcb_get_setup(m_connection)).data->root;
+    m_connection = xcb.connection;
+    m_root = xcb.root;
     m_symbols = xcb_key_symbols_alloc(m_connection);
     selectKeymapEvents();
     qGuiApp->installNativeEventFilter(this);

@@ -2,6 +2,7 @@
 #include "platform/x11/x11keysynthesizer.h"
 
 #include "platform/platformlog.h"
+#include "platform/x11/qtxcb.h"
 
 #include <QGuiApplication>
 #include <QPointer>
@@ -21,11 +22,11 @@ constexpr xcb_keycode_t evdevV = 55, evdevControlL = 37, evdevShiftL = 50;
 } // namespace
 
 X11KeySynthesizer::X11KeySynthesizer() {
-    auto* x11 = qGuiApp ? qGuiApp->nativeInterface<QNativeInterface::QX11Application>() : nullptr;
-    if (!x11 || !x11->connection())
+    const QtXcb xcb = QtXcb::get();
+    if (!xcb.connection)
         return;
-    m_connection = x11->connection();
-    m_root = xcb_setup_roots_iterator(xcb_get_setup(m_connection)).data->root;
+    m_connection = xcb.connection;
+    m_root = xcb.root;
     const xcb_query_extension_reply_t* xtest = xcb_get_extension_data(m_connection, &xcb_test_id);
     m_available = xtest && xtest->present;
     m_symbols = xcb_key_symbols_alloc(m_connection);

@@ -1,31 +1,21 @@
 // SPDX-License-Identifier: MIT
 #include "platform/x11/x11windowactivator.h"
 
+#include "platform/x11/qtxcb.h"
+
 #include <QByteArray>
 #include <QGuiApplication>
 #include <QList>
 #include <xcb/xcb.h>
 
-namespace {
-
-xcb_atom_t atom(xcb_connection_t* c, const char* name) {
-    xcb_intern_atom_reply_t* reply =
-        xcb_intern_atom_reply(c, xcb_intern_atom(c, 0, std::uint16_t(strlen(name)), name), nullptr);
-    const xcb_atom_t result = reply ? reply->atom : xcb_atom_t(XCB_ATOM_NONE);
-    free(reply);
-    return result;
-}
-
-} // namespace
-
 X11WindowActivator::X11WindowActivator() {
-    auto* x11 = qGuiApp ? qGuiApp->nativeInterface<QNativeInterface::QX11Application>() : nullptr;
-    if (!x11 || !x11->connection())
+    const QtXcb xcb = QtXcb::get();
+    if (!xcb.connection)
         return;
-    m_connection = x11->connection();
-    m_root = xcb_setup_roots_iterator(xcb_get_setup(m_connection)).data->root;
-    m_activeAtom = atom(m_connection, "_NET_ACTIVE_WINDOW");
-    m_pidAtom = atom(m_connection, "_NET_WM_PID");
+    m_connection = xcb.connection;
+    m_root = xcb.root;
+    m_activeAtom = internAtom(m_connection, "_NET_ACTIVE_WINDOW");
+    m_pidAtom = internAtom(m_connection, "_NET_WM_PID");
 }
 
 void X11WindowActivator::activate(WId window, quint32 timestamp) {
