@@ -65,6 +65,40 @@ std::optional<fs::path> CatalogFiles::resolve(std::string_view requestPath) cons
     return real;
 }
 
+std::optional<std::string> CatalogFiles::decodeTarget(std::string_view target) {
+    target = target.substr(0, target.find_first_of("?#"));
+    if (target.empty() || target.front() != '/')
+        return std::nullopt;
+    const auto hex = [](char c) -> int {
+        if (c >= '0' && c <= '9')
+            return c - '0';
+        if (c >= 'a' && c <= 'f')
+            return c - 'a' + 10;
+        if (c >= 'A' && c <= 'F')
+            return c - 'A' + 10;
+        return -1;
+    };
+    std::string path;
+    path.reserve(target.size());
+    for (size_t i = 0; i < target.size(); ++i) {
+        char c = target[i];
+        if (c == '%') {
+            if (target.size() - i < 3)
+                return std::nullopt;
+            const int high = hex(target[i + 1]);
+            const int low = hex(target[i + 2]);
+            if (high < 0 || low < 0)
+                return std::nullopt;
+            c = static_cast<char>(high * 16 + low);
+            i += 2;
+        }
+        if (c == '\0')
+            return std::nullopt;
+        path += c;
+    }
+    return path;
+}
+
 std::string CatalogFiles::contentType(std::string_view fileName) {
     static constexpr std::array<std::pair<std::string_view, std::string_view>, 14> types{{
         {"json", "application/json"},

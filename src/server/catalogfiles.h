@@ -19,6 +19,11 @@ public:
     // has a "." or ".." or hidden segment, leads outside the root, or is not a regular file.
     std::optional<std::filesystem::path> resolve(std::string_view requestPath) const;
 
+    // The path of a raw request target ("/f/a%20b.png?x=1" → "/f/a b.png"): the query and
+    // fragment cut off, percent escapes decoded. Nothing for a target that is not a path, has a
+    // malformed escape, or would decode to a NUL byte.
+    static std::optional<std::string> decodeTarget(std::string_view target);
+
     // The Content-Type for a file name, chosen by its extension (case-insensitive).
     static std::string contentType(std::string_view fileName);
 

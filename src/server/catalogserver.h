@@ -2,51 +2,131 @@
 #pragma once
 
 #include "server/catalogfiles.h"
+#include "server/gzipcache.h"
 
-#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
 #include <filesystem>
-#include <httplib.h>
+#include <functional>
+#include <list>
+#include <mutex>
 #include <string>
+#include <string_view>
 #include <thread>
+#include <utility>
+#include <vector>
+
+struct MHD_Daemon;
+struct MHD_Connection;
+
+// How much one client may take of the server.
+struct ServerLimits {
+    // A request's headers (and body) must have arrived this long after the connection opened
+    // or the previous answer went out; a kept-alive connection waits no longer for its next
+    // request. A client that trickles its request is cut off here.
+    std::chrono::milliseconds requestDeadline{10000};
+    // A connection on which nothing moves for this long is closed (e.g. a client that stops
+    // reading its answer).
+    unsigned idleTimeoutSeconds = 30;
+    // Connections served at once; further ones wait in the listen backlog, not refused.
+    unsigned maxConnections = 1000;
+    int listenBacklog = 4096;
+    // Per connection, for the request line and headers; larger requests get 431 (or 414).
+    std::size_t connectionMemory = 32 * 1024;
+    unsigned maxHeaders = 64;
+    // Event threads; 0 picks one per core (at least 2).
+    unsigned threads = 0;
+};
+
+struct HttpRequest {
+    std::string method;
+    std::string path;   // decoded, without the query
+    std::string target; // as sent
+    std::vector<std::pair<std::string, std::string>> headers;
+    std::string body;
+    // The first header of that name (case-insensitive), or empty.
+    std::string header(std::string_view name) const;
+};
+
+struct HttpResponse {
+    int status = 200;
+    std::string contentType = "text/plain; charset=utf-8";
+    std::string body;
+    std::vector<std::pair<std::string, std::string>> headers;
+};
 
 // The catalog server: serves the files of a catalog folder (the JSON documents and the images
-// they point at) over plain HTTP. Further endpoints are added to http() before serving starts;
-// they take precedence over files, because the file route is registered last.
+// they point at) over plain HTTP, event-driven (libmicrohttpd on epoll), so idle or slow
+// clients hold a socket, never a thread. Endpoints added with addRoute() take precedence over
+// files.
 class CatalogServer {
 public:
+    using Handler = std::function<HttpResponse(const HttpRequest&)>;
+
     // `root` must name an existing folder.
-    explicit CatalogServer(const std::filesystem::path& root);
-    // Stops serving and joins the background thread, if any.
+    explicit CatalogServer(const std::filesystem::path& root, ServerLimits limits = {});
+    // Stops serving.
     ~CatalogServer();
     CatalogServer(const CatalogServer&) = delete;
     CatalogServer& operator=(const CatalogServer&) = delete;
 
-    // For adding endpoints; only before bind().
-    httplib::Server& http() { return m_http; }
+    // An endpoint for `method` on exactly `path`; only before serving starts. A request body
+    // larger than `maxBodyBytes` is refused with 413.
+    void addRoute(std::string method, std::string path, Handler handler,
+                  std::size_t maxBodyBytes = 0);
     const CatalogFiles& files() const { return m_files; }
 
-    // Binds host:port; port 0 picks a free one. Returns the bound port, or -1 when binding fails.
+    // Binds host:port and listens (connections queue from here on); port 0 picks a free one.
+    // Returns the bound port, or -1 when binding fails.
     int bind(const std::string& host, int port);
-    // Serves on the calling thread until stop(). False when it could not serve at all.
+    // Serves until stop(). False when it could not serve at all.
     bool serve();
-    // bind() and serve() on a thread of its own; returns once requests are being accepted.
+    // bind() and serving in the background; returns once requests are being accepted.
     // Returns the bound port, or -1.
     int start(const std::string& host, int port);
-    // Ends serve() from any thread, also when it has not got going yet. Idempotent.
+    // Ends serving from any thread, also when it has not got going yet. Idempotent.
     void stop();
 
     int port() const { return m_port; }
 
+    // libmicrohttpd's callbacks; public only so the C callbacks in the .cpp can reach them.
+    struct Connection;
+    struct Exchange;
+    struct Route {
+        std::string method;
+        std::string path;
+        Handler handler;
+        std::size_t maxBodyBytes = 0;
+    };
+    int onRequest(MHD_Connection* connection, const char* method, const char* uploadData,
+                  std::size_t* uploadSize, void** exchange);
+    void onConnection(MHD_Connection* connection, void** context, bool opened);
+    void onCompleted(void** exchange);
+
 private:
-    void registerFileRoute();
-    void serveFile(const httplib::Request& request, httplib::Response& response) const;
+    bool startDaemon();
+    void stopDaemon();
+    void watch();
+    int answer(MHD_Connection* connection, Exchange& exchange);
+    int serveFile(MHD_Connection* connection, const Exchange& exchange);
 
     CatalogFiles m_files;
-    httplib::Server m_http;
-    std::thread m_thread;
+    ServerLimits m_limits;
+    GzipCache m_gzip;
+    std::vector<Route> m_routes;
+    int m_listenFd = -1;
+    bool m_ipv6 = false;
     int m_port = -1;
-    std::atomic<bool> m_stopRequested{false};
-    bool m_fileRouteAdded = false;
-    std::atomic<bool> m_inServe{false};
-    std::atomic<bool> m_serveReturned{false};
+
+    std::mutex m_stopMutex; // two stop()s at once wait for each other
+    std::mutex m_stateMutex;
+    std::condition_variable m_stateChanged;
+    bool m_stopRequested = false;
+    MHD_Daemon* m_daemon = nullptr;
+
+    // Open connections, for the request deadline; the watchdog shuts overdue ones down.
+    std::mutex m_connectionsMutex;
+    std::list<Connection*> m_connections;
+    std::thread m_watchdog;
 };
