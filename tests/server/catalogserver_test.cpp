@@ -1,4 +1,5 @@
 // SPDX-License-Identifier: MIT
+#include "rawhttp.h"
 #include "server/catalogserver.h"
 #include "support/testenv.h"
 
@@ -136,17 +137,44 @@ TEST(CatalogServer, NeverServesAnythingOutsideTheRootOrHidden) {
     }
 }
 
-TEST(CatalogServer, EndpointsAddedBeforeServingWinOverFiles) {
+TEST(CatalogServer, EndpointsWinOverFilesAndTakeBoundedBodies) {
     CatalogFolder folder;
     TestEnv::writeFile(folder.root + "/v1/ping", "a file");
     CatalogServer server(folder.root.toStdString());
-    server.http().Get("/v1/ping", [](const httplib::Request&, httplib::Response& response) {
-        response.set_content("pong", "text/plain");
+    server.addRoute("GET", "/v1/ping", [](const HttpRequest&) {
+        return HttpResponse{200, "text/plain", "pong", {}};
     });
+    server.addRoute(
+        "POST", "/v1/echo",
+        [](const HttpRequest& request) {
+            return HttpResponse{
+                200, "application/json", request.body, {{"X-Seen", request.header("x-probe")}}};
+        },
+        16);
     const int port = server.start("127.0.0.1", 0);
     ASSERT_GT(port, 0);
     EXPECT_EQ(fetch(port, "/v1/ping").body, "pong");
     EXPECT_EQ(fetch(port, "/index.json").status, 200);
+
+    httplib::Client client("127.0.0.1", port);
+    const auto echoed =
+        client.Post("/v1/echo", {{"X-Probe", "yes"}}, "{\"a\":1}", "application/json");
+    ASSERT_TRUE(echoed);
+    EXPECT_EQ(echoed->status, 200);
+    EXPECT_EQ(echoed->body, "{\"a\":1}");
+    EXPECT_EQ(echoed->get_header_value("X-Seen"), "yes");
+    const auto tooLarge = client.Post("/v1/echo", std::string(17, 'x'), "application/json");
+    ASSERT_TRUE(tooLarge);
+    EXPECT_EQ(tooLarge->status, 413);
+    // Chunked, so the size is only known while reading.
+    RawConnection chunked(port);
+    ASSERT_TRUE(chunked.send("POST /v1/echo HTTP/1.1\r\nHost: 127.0.0.1\r\nTransfer-Encoding: "
+                             "chunked\r\n\r\n20\r\n" +
+                             std::string(32, 'x') + "\r\n0\r\n\r\n"));
+    const auto chunkedReply = chunked.read();
+    ASSERT_TRUE(chunkedReply);
+    EXPECT_EQ(chunkedReply->status, 413);
+    EXPECT_EQ(client.Get("/v1/echo")->status, 405);
 }
 
 TEST(CatalogServer, StopIsNeverLostWhenItRacesTheStart) {
@@ -161,17 +189,137 @@ TEST(CatalogServer, StopIsNeverLostWhenItRacesTheStart) {
     }
 }
 
-TEST(CatalogServer, CompressesDocumentsWithGzipEvenWhenBrotliIsOffered) {
+TEST(CatalogServer, CompressesDocumentsWithGzipWhenAskedAndOnlyThen) {
+    CatalogFolder folder;
+    const QByteArray document =
+        "[" + QByteArray(R"({"id":"a","keywords":["cat"]},)").repeated(500) + "{}]";
+    TestEnv::writeFile(folder.root + "/index.json", document);
+    CatalogServer server(folder.root.toStdString());
+    const int port = server.start("127.0.0.1", 0);
+    ASSERT_GT(port, 0);
+    httplib::Client client("127.0.0.1", port);
+    client.set_decompress(false);
+    // What Qt's network stack offers by default.
+    const auto gzipped = client.Get("/index.json", {{"Accept-Encoding", "gzip, deflate, br"}});
+    ASSERT_TRUE(gzipped);
+    EXPECT_EQ(gzipped->status, 200);
+    EXPECT_EQ(gzipped->get_header_value("Content-Encoding"), "gzip");
+    EXPECT_EQ(gzipped->get_header_value("Cache-Control"), "no-cache");
+    EXPECT_LT(gzipped->body.size(), static_cast<size_t>(document.size()) / 4);
+    client.set_decompress(true);
+    const auto decoded = client.Get("/index.json", {{"Accept-Encoding", "gzip, deflate, br"}});
+    ASSERT_TRUE(decoded);
+    EXPECT_EQ(QByteArray::fromStdString(decoded->body), document);
+
+    for (const char* offer : {"identity", "gzip;q=0, *"}) {
+        const auto plain = client.Get("/index.json", {{"Accept-Encoding", offer}});
+        ASSERT_TRUE(plain);
+        EXPECT_FALSE(plain->has_header("Content-Encoding")) << offer;
+        EXPECT_EQ(QByteArray::fromStdString(plain->body), document) << offer;
+    }
+    // Images are sent as they are.
+    EXPECT_FALSE(
+        client.Get("/f/1.png", {{"Accept-Encoding", "gzip"}})->has_header("Content-Encoding"));
+    // A rebuilt document is compressed afresh.
+    TestEnv::writeFile(folder.root + "/index.json", "[]");
+    EXPECT_EQ(client.Get("/index.json", {{"Accept-Encoding", "gzip"}})->body, "[]");
+}
+
+TEST(CatalogServer, AnswersOneRangePartAndRefusesManyOrUnsatisfiable) {
+    CatalogFolder folder;
+    TestEnv::writeFile(folder.root + "/f/digits.bin", "0123456789abcdef");
+    CatalogServer server(folder.root.toStdString());
+    const int port = server.start("127.0.0.1", 0);
+    ASSERT_GT(port, 0);
+    struct Case {
+        const char* range;
+        int status;
+        const char* contentRange;
+        const char* body;
+    };
+    for (const Case& c : {
+             Case{"bytes=2-5", 206, "bytes 2-5/16", "2345"},
+             Case{"bytes=-3", 206, "bytes 13-15/16", "def"},
+             Case{"bytes=14-99", 206, "bytes 14-15/16", "ef"},
+             Case{"bytes=0-0,2-3", 416, "bytes */16", nullptr},
+             Case{"bytes=16-", 416, "bytes */16", nullptr},
+             Case{"bytes=5-2", 200, "", "0123456789abcdef"}, // malformed: ignored
+             Case{"items=0-1", 200, "", "0123456789abcdef"},
+         }) {
+        httplib::Client client("127.0.0.1", port);
+        const auto reply = client.Get("/f/digits.bin", {{"Range", c.range}});
+        ASSERT_TRUE(reply) << c.range;
+        EXPECT_EQ(reply->status, c.status) << c.range;
+        EXPECT_EQ(reply->get_header_value("Content-Range"), c.contentRange) << c.range;
+        if (c.body) {
+            EXPECT_EQ(reply->body, c.body) << c.range;
+        }
+    }
+}
+
+TEST(CatalogServer, KeepsConnectionsAliveAndRefusesOversizedOrBodiedRequests) {
     CatalogFolder folder;
     CatalogServer server(folder.root.toStdString());
     const int port = server.start("127.0.0.1", 0);
     ASSERT_GT(port, 0);
-    // What Qt's network stack offers by default.
-    const httplib::Headers offer = {{"Accept-Encoding", "gzip, deflate, br"}};
-    httplib::Client client("127.0.0.1", port);
-    client.set_decompress(false);
-    const auto result = client.Get("/index.json", offer);
-    ASSERT_TRUE(result);
-    EXPECT_EQ(result->status, 200);
-    EXPECT_EQ(result->get_header_value("Content-Encoding"), "gzip");
+
+    RawConnection kept(port);
+    for (const char* path : {"/index.json", "/f/2.JPG", "/missing"}) {
+        ASSERT_TRUE(kept.send(rawGet(path))) << path;
+        const auto reply = kept.read();
+        ASSERT_TRUE(reply) << path;
+        EXPECT_EQ(reply->status, std::string(path) == "/missing" ? 404 : 200);
+    }
+    EXPECT_FALSE(kept.read(std::chrono::milliseconds(0)).has_value()); // nothing extra
+    ASSERT_TRUE(kept.send(rawGet("/f/2.JPG")));
+    EXPECT_EQ(kept.read()->body, "jpeg bytes");
+
+    std::string many;
+    for (int i = 0; i < 200; ++i)
+        many += "X-Header-" + std::to_string(i) + ": v\r\n";
+    std::string huge;
+    for (int i = 0; i < 100000; ++i)
+        huge += "X: v\r\n";
+    RawConnection manyHeaders(port);
+    ASSERT_TRUE(manyHeaders.send(rawGet("/index.json", many)));
+    const auto refused = manyHeaders.read();
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(refused->status, 431);
+    EXPECT_TRUE(manyHeaders.closedWithin(std::chrono::seconds(10)));
+    // Refused while still arriving: the answer may be lost to the reset of the unread rest.
+    RawConnection hugeHeaders(port);
+    hugeHeaders.send(rawGet("/index.json", huge));
+    if (const auto reply = hugeHeaders.read()) {
+        EXPECT_TRUE(reply->status == 431 || reply->status == 400) << reply->status;
+    }
+    EXPECT_TRUE(hugeHeaders.closedWithin(std::chrono::seconds(10)));
+
+    RawConnection bodied(port);
+    ASSERT_TRUE(bodied.send("GET /index.json HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: "
+                            "5\r\n\r\nhello"));
+    EXPECT_EQ(bodied.read()->status, 413);
+    RawConnection posted(port);
+    ASSERT_TRUE(posted.send("DELETE /index.json HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"));
+    EXPECT_EQ(posted.read()->status, 405);
+}
+
+TEST(CatalogServer, CutsOffClientsThatTrickleOrIdleButServesOthersMeanwhile) {
+    CatalogFolder folder;
+    ServerLimits limits;
+    limits.requestDeadline = std::chrono::milliseconds(300);
+    CatalogServer server(folder.root.toStdString(), limits);
+    const int port = server.start("127.0.0.1", 0);
+    ASSERT_GT(port, 0);
+
+    RawConnection idle(port);
+    RawConnection trickler(port);
+    RawConnection keptIdle(port);
+    ASSERT_TRUE(keptIdle.send(rawGet("/index.json")));
+    ASSERT_TRUE(keptIdle.read());
+    const std::string slow = rawGet("/index.json", "X-Slow: " + std::string(1000, 'a') + "\r\n");
+    EXPECT_EQ(fetch(port, "/index.json").status, 200);
+    EXPECT_TRUE(trickler.closedWithin(std::chrono::seconds(20), slow));
+    EXPECT_TRUE(idle.closedWithin(std::chrono::seconds(20)));
+    EXPECT_TRUE(keptIdle.closedWithin(std::chrono::seconds(20)));
+    EXPECT_EQ(fetch(port, "/index.json").status, 200);
 }

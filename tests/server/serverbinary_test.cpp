@@ -1,13 +1,22 @@
 // SPDX-License-Identifier: MIT
 #include "catalog/catalogjson.h"
+#include "rawhttp.h"
 #include "support/testenv.h"
 
 #include <QDeadlineTimer>
 #include <QProcess>
 #include <QRegularExpression>
+#include <atomic>
+#include <condition_variable>
 #include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
 
 namespace {
 
@@ -74,7 +83,112 @@ Finished runToEnd(const QStringList& args) {
             QString::fromUtf8(process.readAllStandardError())};
 }
 
+// The peak resident memory of a process, in MB, from /proc.
+long peakMegabytes(qint64 pid) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    std::string line;
+    while (std::getline(status, line))
+        if (line.rfind("VmHWM:", 0) == 0)
+            return std::stol(line.substr(6)) / 1024;
+    return -1;
+}
+
+// A catalog folder with a small index and image, served by a child orvane-server.
+struct ServedCatalog {
+    QString root = TestEnv::freshDir();
+    std::unique_ptr<ServerProcess> server;
+    int port = -1;
+
+    ServedCatalog() {
+        TestEnv::writeFile(root + "/index.json", CatalogJson::encodeMemes({sampleMeme(1)}));
+        TestEnv::writeFile(root + "/f/1.png", QByteArray(4096, 'p'));
+    }
+    void start() {
+        server = std::make_unique<ServerProcess>(QStringList{
+            QStringLiteral("--root"), root, QStringLiteral("--port"), QStringLiteral("0")});
+        port = portIn(server->startupLine());
+    }
+};
+
 } // namespace
+
+TEST(OrvaneServer, ServesANormalClientWhileIdleAndTricklingClientsHoldConnections) {
+    ServedCatalog catalog;
+    catalog.start();
+    ASSERT_GT(catalog.port, 0);
+
+    std::vector<std::unique_ptr<RawConnection>> idle;
+    std::vector<std::unique_ptr<RawConnection>> trickling;
+    for (int i = 0; i < 200; ++i)
+        idle.push_back(std::make_unique<RawConnection>(catalog.port));
+    for (int i = 0; i < 20; ++i)
+        trickling.push_back(std::make_unique<RawConnection>(catalog.port));
+    std::mutex mutex;
+    std::condition_variable stopped;
+    bool stop = false;
+    std::thread trickle([&] {
+        const std::string request = rawGet("/index.json", "X-Slow: " + std::string(500, 'a'));
+        std::unique_lock lock(mutex);
+        for (size_t at = 0;
+             !stopped.wait_for(lock, std::chrono::milliseconds(200), [&] { return stop; }); ++at)
+            for (const auto& connection : trickling)
+                connection->send(std::string_view(request).substr(at % request.size(), 1));
+    });
+
+    // Each request must finish within its 5 s time-outs (the old server took about 30 s).
+    for (int i = 0; i < 20; ++i) {
+        httplib::Client client("127.0.0.1", catalog.port);
+        client.set_connection_timeout(5);
+        client.set_read_timeout(5);
+        const auto reply = client.Get(i % 2 ? "/f/1.png" : "/index.json");
+        ASSERT_TRUE(reply) << "request " << i << ": " << httplib::to_string(reply.error());
+        EXPECT_EQ(reply->status, 200);
+    }
+    {
+        const std::lock_guard lock(mutex);
+        stop = true;
+    }
+    stopped.notify_all();
+    trickle.join();
+}
+
+TEST(OrvaneServer, StreamsABigFileAndRefusesManyRangesInBoundedMemory) {
+    ServedCatalog catalog;
+    const std::string big = (catalog.root + QStringLiteral("/big.bin")).toStdString();
+    std::ofstream(big).put('x');
+    constexpr std::uintmax_t size = 300ULL * 1024 * 1024; // sparse: no disk, every byte sent
+    std::filesystem::resize_file(big, size);
+    catalog.start();
+    ASSERT_GT(catalog.port, 0);
+
+    std::string ranges = "bytes=";
+    for (int i = 0; i < 300; ++i)
+        ranges += (i ? "," : "") + std::to_string(i * 1000000) + '-' +
+                  std::to_string(i * 1000000 + 99999);
+    std::vector<std::thread> clients;
+    std::atomic<std::uintmax_t> received[4] = {};
+    std::atomic<int> refused{0};
+    for (int i = 0; i < 4; ++i)
+        clients.emplace_back([&, i] {
+            httplib::Client client("127.0.0.1", catalog.port);
+            client.set_read_timeout(60);
+            client.Get("/big.bin", [&](const char*, size_t length) {
+                received[i] += length;
+                return true;
+            });
+            const auto multi = client.Get("/big.bin", {{"Range", ranges}});
+            if (multi && multi->status == 416 && multi->body.size() < 100)
+                ++refused;
+        });
+    for (auto& client : clients)
+        client.join();
+    for (const auto& bytes : received)
+        EXPECT_EQ(bytes, size);
+    EXPECT_EQ(refused, 4);
+    const long peak = peakMegabytes(catalog.server->process().processId());
+    EXPECT_GT(peak, 0);
+    EXPECT_LT(peak, 100);
+}
 
 TEST(OrvaneServer, AnnouncesAddressAndCatalogSizeThenStopsCleanlyOnSignals) {
     const QString root = TestEnv::freshDir();
