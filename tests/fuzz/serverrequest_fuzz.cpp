@@ -1,0 +1,115 @@
+// SPDX-License-Identifier: MIT
+// The catalog server's request handling under arbitrary bytes. The first byte picks the part:
+// even — the pure parsers (Range, request target, path resolution, Accept-Encoding) on the
+// rest; odd — the rest sent as a raw request to an in-process server on 127.0.0.1, whose
+// answer is read until it closes.
+#include "server/catalogfiles.h"
+#include "server/catalogserver.h"
+#include "server/httpparsing.h"
+
+#include <arpa/inet.h>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <netinet/in.h>
+#include <poll.h>
+#include <string>
+#include <string_view>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// A small catalog folder with a secret beside it, made once per process.
+const fs::path& catalogRoot() {
+    static const fs::path root = [] {
+        std::string base = (fs::temp_directory_path() / "serverrequest-fuzz-XXXXXX").string();
+        if (!::mkdtemp(base.data()))
+            std::abort();
+        const fs::path dir = fs::path(base) / "catalog";
+        fs::create_directories(dir / "f");
+        std::ofstream(dir / "index.json") << R"([{"id":"a"}])";
+        std::ofstream(dir / "f" / "1.png") << "0123456789abcdef";
+        std::ofstream(fs::path(base) / "secret.txt") << "secret";
+        fs::create_symlink("../secret.txt", dir / "link.txt");
+        return dir;
+    }();
+    return root;
+}
+
+void parsers(std::string_view input) {
+    const CatalogFiles files(catalogRoot());
+    std::uint64_t size = 0;
+    for (size_t i = 0; i < 8 && i < input.size(); ++i)
+        size = size << 8 | static_cast<unsigned char>(input[i]);
+    const std::string_view rest = input.size() > 8 ? input.substr(8) : std::string_view();
+
+    const RangeRequest range = RangeRequest::parse(rest, size);
+    if (range.kind == RangeRequest::Kind::Part &&
+        (range.length == 0 || range.first >= size || range.length > size - range.first))
+        std::abort(); // a part must lie inside the file
+    (void)acceptsGzip(rest);
+
+    const auto path = CatalogFiles::decodeTarget(input);
+    if (path && path->find('\0') != std::string::npos)
+        std::abort();
+    if (const auto file = files.resolve(path.value_or(std::string(input)))) {
+        // Whatever resolves lies inside the root.
+        const std::string root = files.root().string() + '/';
+        if (file->string().compare(0, root.size(), root) != 0)
+            std::abort();
+    }
+}
+
+void rawRequest(std::string_view input) {
+    static CatalogServer* server = [] {
+        ServerLimits limits;
+        // Short, because a request cut short by the input is only ended by this deadline (and
+        // a client that half-closes after its request is not noticed sooner).
+        limits.requestDeadline = std::chrono::milliseconds(50);
+        auto* s = new CatalogServer(catalogRoot(), limits);
+        if (s->start("127.0.0.1", 0) < 0)
+            std::abort();
+        return s;
+    }();
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<uint16_t>(server->port()));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (fd < 0 || ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        std::abort();
+    while (!input.empty()) {
+        const ssize_t n = ::send(fd, input.data(), input.size(), MSG_NOSIGNAL);
+        if (n <= 0)
+            break;
+        input.remove_prefix(static_cast<size_t>(n));
+    }
+    ::shutdown(fd, SHUT_WR);
+    // The server must answer and close (or just close) within its request deadline.
+    char buffer[65536];
+    for (;;) {
+        pollfd p{fd, POLLIN, 0};
+        if (::poll(&p, 1, 5000) <= 0)
+            std::abort(); // a request held the connection past every deadline
+        if (::recv(fd, buffer, sizeof buffer, 0) <= 0)
+            break;
+    }
+    ::close(fd);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    if (size == 0)
+        return 0;
+    const std::string_view input(reinterpret_cast<const char*>(data) + 1, size - 1);
+    if (data[0] % 2 == 0)
+        parsers(input);
+    else
+        rawRequest(input);
+    return 0;
+}
