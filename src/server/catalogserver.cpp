@@ -257,8 +257,9 @@ bool CatalogServer::startDaemon() {
     unsigned connections = m_limits.maxConnections;
     rlimit files{};
     if (::getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur != RLIM_INFINITY)
-        connections = static_cast<unsigned>(std::clamp<rlim_t>(
-            std::min<rlim_t>(connections, files.rlim_cur / 2), threads, connections));
+        connections = static_cast<unsigned>(std::min<rlim_t>(connections, files.rlim_cur / 2));
+    // The limit is shared out among the event threads; each needs at least one.
+    connections = std::max(connections, threads);
 
     const unsigned flags = MHD_USE_EPOLL_INTERNAL_THREAD | (m_ipv6 ? MHD_USE_IPv6 : 0);
     m_daemon = MHD_start_daemon(

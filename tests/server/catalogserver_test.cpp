@@ -323,3 +323,24 @@ TEST(CatalogServer, CutsOffClientsThatTrickleOrIdleButServesOthersMeanwhile) {
     EXPECT_TRUE(keptIdle.closedWithin(std::chrono::seconds(20)));
     EXPECT_EQ(fetch(port, "/index.json").status, 200);
 }
+
+TEST(CatalogServer, ConnectionsBeyondTheLimitWaitInsteadOfBeingRefused) {
+    CatalogFolder folder;
+    ServerLimits limits;
+    limits.maxConnections = 2;
+    limits.threads = 1;
+    limits.requestDeadline = std::chrono::milliseconds(300);
+    CatalogServer server(folder.root.toStdString(), limits);
+    const int port = server.start("127.0.0.1", 0);
+    ASSERT_GT(port, 0);
+    RawConnection first(port);
+    RawConnection second(port);
+    ASSERT_TRUE(first.connected() && second.connected());
+    // Both slots are taken until the idle pair is cut off; the third waits in the backlog.
+    httplib::Client client("127.0.0.1", port);
+    client.set_read_timeout(20);
+    const auto reply = client.Get("/index.json");
+    ASSERT_TRUE(reply) << httplib::to_string(reply.error());
+    EXPECT_EQ(reply->status, 200);
+    EXPECT_TRUE(first.closedWithin(std::chrono::seconds(10)));
+}
