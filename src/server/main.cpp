@@ -47,7 +47,8 @@ int main(int argc, char** argv) {
     // Every connection is a descriptor; the usual soft limit of 1024 would cap the server near
     // 500 connections (half go to files being sent). Raise it as far as we are allowed.
     rlimit files{};
-    if (::getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
+    if (::getrlimit(RLIMIT_NOFILE, &files) == 0 &&
+        files.rlim_cur < std::min<rlim_t>(files.rlim_max, 8192)) {
         files.rlim_cur = std::min<rlim_t>(files.rlim_max, 8192);
         ::setrlimit(RLIMIT_NOFILE, &files);
     }
