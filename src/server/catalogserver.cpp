@@ -74,6 +74,7 @@ struct CatalogServer::Connection {
     std::atomic<bool> receiving{true};
     std::atomic<std::int64_t> phaseStartNs{nowNs()};
     bool cutOff = false; // guarded by m_connectionsMutex
+    std::string target;  // of the request being received
     std::list<Connection*>::iterator self;
 };
 
@@ -92,18 +93,29 @@ CatalogServer* serverOf(void* cls) {
     return static_cast<CatalogServer*>(cls);
 }
 
-// Gets the raw request target, before libmicrohttpd decodes it into a C string (where "%00"
-// would cut the path short).
-void* onUri(void*, const char* uri, MHD_Connection*) {
-    auto* exchange = new CatalogServer::Exchange;
-    exchange->target = uri ? uri : "";
-    return exchange;
+CatalogServer::Connection* connectionState(MHD_Connection* connection) {
+    const MHD_ConnectionInfo* info =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
+    return info ? static_cast<CatalogServer::Connection*>(info->socket_context) : nullptr;
+}
+
+// Keeps the raw request target, before libmicrohttpd decodes it into a C string (where "%00"
+// would cut the path short). It is kept with the connection, not the request: a request that
+// libmicrohttpd refuses itself (too large, no Host) never reaches onCompletedCb to be freed.
+void* onUri(void*, const char* uri, MHD_Connection* connection) {
+    if (CatalogServer::Connection* state = connectionState(connection))
+        state->target = uri ? uri : "";
+    return nullptr;
 }
 
 MHD_Result onAccess(void* cls, MHD_Connection* connection, const char* url, const char* method,
                     const char*, const char* uploadData, size_t* uploadSize, void** exchange) {
-    if (!*exchange)
-        *exchange = onUri(nullptr, url, connection);
+    if (!*exchange) {
+        auto* created = new CatalogServer::Exchange;
+        const CatalogServer::Connection* state = connectionState(connection);
+        created->target = state ? state->target : url;
+        *exchange = created;
+    }
     return serverOf(cls)->onRequest(connection, method, uploadData, uploadSize, exchange) == MHD_YES
                ? MHD_YES
                : MHD_NO;
@@ -125,12 +137,6 @@ void onCompletedCb(void* cls, MHD_Connection* connection, void** exchange,
 void onConnectionCb(void* cls, MHD_Connection* connection, void** context,
                     MHD_ConnectionNotificationCode code) {
     serverOf(cls)->onConnection(connection, context, code == MHD_CONNECTION_NOTIFY_STARTED);
-}
-
-CatalogServer::Connection* connectionState(MHD_Connection* connection) {
-    const MHD_ConnectionInfo* info =
-        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
-    return info ? static_cast<CatalogServer::Connection*>(info->socket_context) : nullptr;
 }
 
 // Queues `response` (taking it), with the headers every answer carries.
