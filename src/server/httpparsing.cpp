@@ -48,7 +48,7 @@ RangeRequest RangeRequest::parse(std::string_view headerValue, std::uint64_t fil
     if (equals == std::string_view::npos || !equalsNoCase(trim(value.substr(0, equals)), "bytes"))
         return whole;
 
-    std::string_view spec;
+    std::string_view part;
     int parts = 0;
     std::string_view list = value.substr(equals + 1);
     while (true) {
@@ -57,7 +57,7 @@ RangeRequest RangeRequest::parse(std::string_view headerValue, std::uint64_t fil
         if (!element.empty()) { // empty list elements are allowed and mean nothing
             if (element.find('-') == std::string_view::npos)
                 return whole;
-            spec = element;
+            part = element;
             ++parts;
         }
         if (comma == std::string_view::npos)
@@ -69,9 +69,9 @@ RangeRequest RangeRequest::parse(std::string_view headerValue, std::uint64_t fil
     if (parts > 1)
         return {Kind::TooManyParts, 0, 0};
 
-    const size_t dash = spec.find('-');
-    const std::string_view firstText = trim(spec.substr(0, dash));
-    const std::string_view lastText = trim(spec.substr(dash + 1));
+    const size_t dash = part.find('-');
+    const std::string_view firstText = trim(part.substr(0, dash));
+    const std::string_view lastText = trim(part.substr(dash + 1));
     if (firstText.empty()) { // "-N": the last N bytes
         const auto suffix = number(lastText);
         if (!suffix)
