@@ -5,6 +5,7 @@
 #include "support/desktop.h"
 #include "support/testenv.h"
 #include "support/xvfbsession.h"
+#include "telemetry/metrics.h"
 #include "ui/pickerpanel.h"
 #include "ui/toast.h"
 
@@ -180,6 +181,12 @@ TEST_F(TrayIcon, IconSitsInTheTrayAndRightClickOpensTheCurrentMenu) {
         },
         10000))
         << "the tray host did not embed the icon";
+    // Start-up logged where the icon is.
+    Metrics::shared().flush();
+    const QRegularExpression statusItem(QStringLiteral(
+        R"("event":"status_item","frame":"-?\d+,-?\d+ \d+x\d+","hidden":false,"notch":false)"));
+    EXPECT_TRUE(statusItem.match(QString::fromUtf8(TestEnv::readFile(Metrics::url()))).hasMatch())
+        << TestEnv::readFile(Metrics::url()).toStdString();
 
     // With a tray the panel opens without the hidden-icon guidance.
     QSignalSpy shown(&app->panelController(), &PanelController::shown);
@@ -193,7 +200,7 @@ TEST_F(TrayIcon, IconSitsInTheTrayAndRightClickOpensTheCurrentMenu) {
     ASSERT_NE(menu, nullptr) << "right-clicking the icon opened no menu";
     EXPECT_EQ(titles(menu),
               (QStringList{"Hotkey", "Launch at login", "Image cache limit", "Reset picker size",
-                           "Clear recent and most used…", "Quit"}));
+                           "Clear recent and most used…", "About Orvane", "Quit"}));
     EXPECT_EQ(checkedIn(menu, QStringLiteral("Image cache limit")), QStringList{"500 MB"});
     // It opens at the icon: a corner of the menu sits at the pointer.
     EXPECT_TRUE(menu->geometry().adjusted(-4, -4, 4, 4).contains(click))
