@@ -3,48 +3,23 @@
 #include "app/panelcontroller.h"
 #include "menutitles.h"
 #include "support/testenv.h"
-#include "telemetry/metrics.h"
 #include "ui/pickerpanel.h"
 
+#include <QAbstractButton>
 #include <QApplication>
-#include <QFile>
-#include <QMenu>
 #include <QMessageBox>
-#include <QPushButton>
 #include <QTest>
 #include <gtest/gtest.h>
 
 namespace {
-
-QMenu* submenu(const QMenu* menu, const QString& title) {
-    for (const QAction* action : menu->actions())
-        if (action->text() == title)
-            return action->menu();
-    return nullptr;
-}
-
-QAction* item(const QMenu* menu, const QString& title) {
-    for (QAction* action : menu->actions())
-        if (action->text() == title)
-            return action;
-    return nullptr;
-}
-
-QStringList checked(const QMenu* menu) {
-    QStringList out;
-    for (const QAction* action : menu->actions())
-        if (action->isChecked())
-            out.append(action->text());
-    return out;
-}
 
 // The resident app with an unreachable catalog server (the menu does not depend on the
 // catalog) and the menu as the user opens it.
 class AppMenu : public testing::Test {
 protected:
     void start(QHash<QString, QString> environment = {}) {
-        environment.insert(QStringLiteral("MEME_SERVER"), QStringLiteral("http://127.0.0.1:9"));
         app.reset();
+        environment.insert(QStringLiteral("MEME_SERVER"), QStringLiteral("http://127.0.0.1:9"));
         settings = TestEnv::installConfig(std::move(environment));
         app = std::make_unique<AppDelegate>(CommandLine{});
         app->start();
@@ -100,34 +75,30 @@ TEST_F(AppMenu, ReadsTopToBottomWithAndWithoutTheDebugSwitch) {
               QStringLiteral("Cloud search: https://search.example.org/v1"));
 }
 
-TEST_F(AppMenu, CacheLimitChecksTheStoredChoiceOnly) {
+TEST_F(AppMenu, SubmenusTickTheStoredChoiceAndWriteTheChosenOne) {
     start();
-    QMenu* cache = nullptr;
     auto menu = open();
-    cache = submenu(menu.get(), QStringLiteral("Image cache limit"));
+    QMenu* cache = submenu(menu.get(), QStringLiteral("Image cache limit"));
     EXPECT_EQ(titles(cache), (QStringList{"100 MB", "500 MB", "2000 MB"}));
     EXPECT_EQ(checked(cache), QStringList{"500 MB"});
 
+    // A stored size that is no choice ticks none; a recorded shortcut is marked as custom.
     settings->set(QStringLiteral("cacheMB"), 800);
-    menu = open();
-    cache = submenu(menu.get(), QStringLiteral("Image cache limit"));
-    EXPECT_TRUE(checked(cache).isEmpty());
-    item(cache, QStringLiteral("2000 MB"))->trigger();
-    EXPECT_EQ(settings->integer(QStringLiteral("cacheMB")), 2000);
-}
-
-TEST_F(AppMenu, HotkeyMenuMarksACustomShortcut) {
-    start();
     settings->set(QStringLiteral("hotKeyCode"), 0x0E);
     settings->set(QStringLiteral("hotKeyMods"), 0x1000 | 0x200);
     settings->set(QStringLiteral("hotKeyLabel"), "Ctrl+Shift+E");
-    auto menu = open();
+    menu = open();
+    cache = submenu(menu.get(), QStringLiteral("Image cache limit"));
+    EXPECT_TRUE(checked(cache).isEmpty());
     QMenu* hotkey = submenu(menu.get(), QStringLiteral("Hotkey"));
-    ASSERT_NE(hotkey, nullptr);
     EXPECT_EQ(titles(hotkey),
               (QStringList{"Ctrl+M", "Ctrl+Alt+M", "Ctrl+Shift+Space", "Ctrl+Alt+Space",
                            "Ctrl+Shift+E  (custom)", "Record custom shortcut…"}));
     EXPECT_EQ(checked(hotkey), QStringList{"Ctrl+Shift+E  (custom)"});
+
+    ASSERT_NE(cache, nullptr);
+    item(cache, QStringLiteral("2000 MB"))->trigger();
+    EXPECT_EQ(settings->integer(QStringLiteral("cacheMB")), 2000);
 }
 
 TEST_F(AppMenu, AboutShowsTheVersionAboveTheOpenPanel) {
@@ -151,26 +122,4 @@ TEST_F(AppMenu, AboutShowsTheVersionAboveTheOpenPanel) {
         buttons.append(button->text().remove(QLatin1Char('&')));
     EXPECT_EQ(buttons, QStringList{"OK"});
     box->close();
-}
-
-TEST_F(AppMenu, StartUpLogsWhetherItCanPasteAndWhereTheIconIs) {
-    QFile::remove(Metrics::url());
-    start();
-    Metrics::shared().flush();
-    QStringList lines;
-    QFile log(Metrics::url());
-    ASSERT_TRUE(log.open(QIODevice::ReadOnly));
-    for (const QByteArray& line : log.readAll().split('\n')) {
-        if (line.isEmpty())
-            continue;
-        nlohmann::json event = nlohmann::json::parse(line.toStdString());
-        event.erase("t");
-        lines.append(QString::fromStdString(event.dump()));
-    }
-    // The test display has XTEST and no tray.
-    EXPECT_TRUE(lines.contains(QStringLiteral(R"({"event":"accessibility","trusted":true})")))
-        << lines.join('\n').toStdString();
-    EXPECT_TRUE(lines.contains(
-        QStringLiteral(R"({"event":"status_item","frame":"","hidden":true,"notch":false})")))
-        << lines.join('\n').toStdString();
 }
