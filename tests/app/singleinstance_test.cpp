@@ -29,9 +29,6 @@ public:
         m_process.waitForFinished(5000);
     }
     QProcess& process() { return m_process; }
-    bool finished(int timeoutMs) {
-        return m_process.state() == QProcess::NotRunning || m_process.waitForFinished(timeoutMs);
-    }
     // Whether a window of this process is mapped on the display, waiting up to `timeoutMs`.
     bool showsAWindow(int timeoutMs) {
         return QTest::qWaitFor(
@@ -67,7 +64,7 @@ TEST(SingleInstance, SecondLaunchOpensTheRunningPickerAndEnds) {
     EXPECT_FALSE(first.showsAWindow(0)) << "the picker opened by itself";
 
     Orvane second({});
-    ASSERT_TRUE(second.finished(15000)) << "the second orvane stayed resident";
+    ASSERT_TRUE(second.process().waitForFinished(15000)) << "the second orvane stayed resident";
     EXPECT_EQ(second.process().exitStatus(), QProcess::NormalExit);
     EXPECT_EQ(second.process().exitCode(), 0) << second.process().readAllStandardError().data();
     EXPECT_TRUE(first.showsAWindow(10000)) << "the running orvane did not open its picker";
@@ -75,7 +72,7 @@ TEST(SingleInstance, SecondLaunchOpensTheRunningPickerAndEnds) {
 
     // Diagnostic modes still run on their own beside it.
     Orvane config({QStringLiteral("--print-config")});
-    ASSERT_TRUE(config.finished(15000));
+    ASSERT_TRUE(config.process().waitForFinished(15000));
     EXPECT_EQ(config.process().exitCode(), 0);
     EXPECT_TRUE(config.process().readAllStandardOutput().startsWith("files: http://127.0.0.1:9\n"));
 }
