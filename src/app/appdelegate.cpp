@@ -6,6 +6,7 @@
 #include "app/panelcontroller.h"
 #include "base/apppaths.h"
 #include "base/logcategories.h"
+#include "buildinfo.h"
 #include "catalog/catalogfetcher.h"
 #include "catalog/catalogloader.h"
 #include "catalog/debugflags.h"
@@ -13,6 +14,7 @@
 #include "catalog/memestore.h"
 #include "catalog/thumbnailcache.h"
 #include "collections/servercollections.h"
+#include "insert/paster.h"
 #include "platform/globalhotkey.h"
 #include "platform/platformbackend.h"
 #include "search/localindex.h"
@@ -87,6 +89,7 @@ void AppDelegate::start() {
         std::make_unique<PanelController>(*m_picker, *m_store, m_thumbnails.get(), *m_userData);
     m_panel->panel()->setMenuBuilder([this](QMenu* menu) { buildMenu(menu); });
     setUpTrayIcon();
+    Metrics::log(QStringLiteral("accessibility"), {{"trusted", m_panel->paster().isTrusted()}});
 
     m_hotkey = PlatformBackend::createGlobalHotkey();
     connect(m_hotkey.get(), &GlobalHotkey::pressed, this,
@@ -122,9 +125,9 @@ void AppDelegate::start() {
 }
 
 void AppDelegate::setUpTrayIcon() {
-    const bool available = QSystemTrayIcon::isSystemTrayAvailable();
-    Metrics::log(QStringLiteral("status_item"), {{"hidden", !available}});
-    if (!available) {
+    if (!QSystemTrayIcon::isSystemTrayAvailable()) {
+        Metrics::log(QStringLiteral("status_item"),
+                     {{"frame", ""}, {"hidden", true}, {"notch", false}});
         qCInfo(lcApp).noquote() << hiddenTrayMessage;
         return;
     }
@@ -143,6 +146,15 @@ void AppDelegate::setUpTrayIcon() {
                     m_panel->toggle();
             });
     m_tray->show();
+    const QRect frame = m_tray->geometry();
+    const QString frameText = frame.isEmpty() ? QString()
+                                              : QStringLiteral("%1,%2 %3x%4")
+                                                    .arg(frame.x())
+                                                    .arg(frame.y())
+                                                    .arg(frame.width())
+                                                    .arg(frame.height());
+    Metrics::log(QStringLiteral("status_item"),
+                 {{"frame", frameText.toStdString()}, {"hidden", false}, {"notch", false}});
 }
 
 void AppDelegate::reloadIndex() {
@@ -224,6 +236,22 @@ void AppDelegate::resetPickerSize() {
         m_panel->panel()->resize(PickerPanel::defaultSize);
 }
 
+void AppDelegate::showPanel() {
+    if (!m_panel->isVisible())
+        m_panel->show();
+}
+
+void AppDelegate::showAbout() {
+    QWidget* parent = m_panel->isVisible() ? m_panel->panel() : nullptr;
+    auto* box = new QMessageBox(QMessageBox::Information, QStringLiteral("About Orvane"),
+                                QStringLiteral("Orvane %1").arg(BuildInfo::Version),
+                                QMessageBox::Ok, parent);
+    box->setInformativeText(QStringLiteral("Reaction images for any app: press %1, type, Enter.")
+                                .arg(DebugFlags::hotKey().label));
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    box->open();
+}
+
 void AppDelegate::buildMenu(QMenu* menu) {
     // Hotkey presets, the current one checked; a recorded one that is no preset is listed too.
     QMenu* hotkey = menu->addMenu(QStringLiteral("Hotkey"));
@@ -246,6 +274,14 @@ void AppDelegate::buildMenu(QMenu* menu) {
         if (!Autostart::setEnabled(on, QCoreApplication::applicationFilePath(), &error))
             notify(QStringLiteral("Launch at login failed: ") + error);
     });
+
+    if (DebugFlags::showDebug()) {
+        const QString searchURL =
+            DebugFlags::settings().string(QStringLiteral("searchURL")).value_or(QString());
+        menu->addAction(QStringLiteral("Cloud search: ") +
+                        (searchURL.isEmpty() ? QStringLiteral("not configured") : searchURL))
+            ->setEnabled(false);
+    }
 
     QMenu* cache = menu->addMenu(QStringLiteral("Image cache limit"));
     addChoices<std::int64_t>(cache,
@@ -297,5 +333,6 @@ void AppDelegate::buildMenu(QMenu* menu) {
     menu->addAction(QStringLiteral("Reset picker size"), this, &AppDelegate::resetPickerSize);
     menu->addAction(QStringLiteral("Clear recent and most used…"), this,
                     &AppDelegate::clearUsageHistory);
+    menu->addAction(QStringLiteral("About Orvane"), this, &AppDelegate::showAbout);
     menu->addAction(QStringLiteral("Quit"), qApp, &QCoreApplication::quit);
 }

@@ -40,6 +40,10 @@ public:
     void recordHotKey();
     void clearUsageHistory();
     void resetPickerSize();
+    // Opens the picker unless it is already open (a second launch asks for this).
+    void showPanel();
+    // The version, in a box above the panel when the panel is open.
+    void showAbout();
     // Shows an error line in the panel when it is open, else on the tray icon.
     void notify(const QString& text);
 

@@ -15,6 +15,10 @@ CommandLine CommandLine::parse(const QStringList& arguments) {
             cl.benchPrefetch = true;
         } else if (a == QLatin1String("--usage-test")) {
             cl.usageTest = true;
+        } else if (a == QLatin1String("--help") || a == QLatin1String("-h")) {
+            cl.help = true;
+        } else if (a == QLatin1String("--version")) {
+            cl.version = true;
         } else if (a == QLatin1String("--show")) {
             cl.show = true;
         } else if (a == QLatin1String("--query") && i + 1 < arguments.size()) {
@@ -25,6 +29,24 @@ CommandLine CommandLine::parse(const QStringList& arguments) {
         }
     }
     return cl;
+}
+
+QString usageText() {
+    return QStringLiteral(
+        "Usage: orvane [--show]\n"
+        "       orvane --print-config | --query TEXT | --bench | --bench-prefetch | --usage-test\n"
+        "\n"
+        "Without a switch, Orvane stays in the tray and its shortcut (Ctrl+M unless changed)\n"
+        "opens the picker. Started again, it opens the picker of the copy already running.\n"
+        "\n"
+        "  --show            open the picker at launch\n"
+        "  --print-config    print where Orvane looks for its servers\n"
+        "  --query TEXT      print the ranked results for TEXT\n"
+        "  --bench           time per-keystroke searches of the rankers\n"
+        "  --bench-prefetch  time image downloads against naive prefetching\n"
+        "  --usage-test      self-check of recents, most used and clearing\n"
+        "  --version         print the version\n"
+        "  --help            print this help\n");
 }
 
 QStringList configReport() {

@@ -11,8 +11,11 @@ struct CommandLine {
     bool bench = false;
     bool benchPrefetch = false;
     bool usageTest = false;
+    bool help = false;
+    bool version = false;
     QString query; // --query TEXT
     bool hasQuery = false;
+    // Arguments orvane does not know (or a --query without its text): a usage error.
     QStringList unknown;
 
     static CommandLine parse(const QStringList& arguments);
@@ -22,5 +25,7 @@ struct CommandLine {
     }
 };
 
+// The text of --help, also printed to stderr after a usage error.
+QString usageText();
 // The lines of --print-config: catalog server, API base, and whether a cloud API is set.
 QStringList configReport();

@@ -4,7 +4,9 @@
 #include "app/benchprefetch.h"
 #include "app/commandline.h"
 #include "app/querycommand.h"
+#include "app/singleinstance.h"
 #include "app/usagetest.h"
+#include "buildinfo.h"
 
 #include <QApplication>
 #include <QTextStream>
@@ -34,8 +36,18 @@ int main(int argc, char** argv) {
     for (int i = 0; i < argc; ++i)
         arguments.append(QString::fromLocal8Bit(argv[i]));
     const CommandLine cl = CommandLine::parse(arguments);
-    for (const QString& arg : cl.unknown)
-        QTextStream(stderr) << "orvane: ignoring unknown argument " << arg << Qt::endl;
+    if (!cl.unknown.isEmpty()) {
+        QTextStream err(stderr);
+        err << "orvane: unknown argument " << cl.unknown.first() << Qt::endl
+            << Qt::endl
+            << usageText();
+        return 2;
+    }
+    if (cl.help || cl.version) {
+        QTextStream(stdout) << (cl.help ? usageText()
+                                        : QStringLiteral("Orvane %1\n").arg(BuildInfo::Version));
+        return 0;
+    }
 
     if (cl.isOneShot()) {
         // One-shot modes run without a GUI platform, so they work over SSH and in CI.
@@ -50,7 +62,20 @@ int main(int argc, char** argv) {
     QApplication::setDesktopFileName(QStringLiteral("orvane"));
     // A tray app: closing a window never ends it; "Quit" in the menu does.
     QApplication::setQuitOnLastWindowClosed(false);
+    // A second launch opens the running copy's picker and ends.
+    SingleInstance instance;
+    switch (instance.claim()) {
+    case SingleInstance::Claim::forwarded:
+        return 0;
+    case SingleInstance::Claim::failed:
+        return 1;
+    case SingleInstance::Claim::owned:
+    case SingleInstance::Claim::noBus:
+        break;
+    }
     AppDelegate delegate(cl);
+    QObject::connect(&instance, &SingleInstance::showRequested, &delegate,
+                     [&delegate] { delegate.showPanel(); });
     delegate.start();
     return app.exec();
 }

@@ -1,88 +1,125 @@
 // SPDX-License-Identifier: MIT
 #include "app/appdelegate.h"
+#include "app/panelcontroller.h"
 #include "menutitles.h"
 #include "support/testenv.h"
+#include "ui/pickerpanel.h"
 
-#include <QMenu>
+#include <QAbstractButton>
+#include <QApplication>
+#include <QMessageBox>
+#include <QTest>
 #include <gtest/gtest.h>
 
 namespace {
 
-QMenu* submenu(const QMenu* menu, const QString& title) {
-    for (const QAction* action : menu->actions())
-        if (action->text() == title)
-            return action->menu();
-    return nullptr;
-}
-
-QStringList checked(const QMenu* menu) {
-    QStringList out;
-    for (const QAction* action : menu->actions())
-        if (action->isChecked())
-            out.append(action->text());
-    return out;
-}
-
-// The menu as the user sees it, for the given environment and stored settings.
-struct MenuUnderTest {
-    explicit MenuUnderTest(QHash<QString, QString> environment) {
-        // An unreachable server: the menu does not depend on the catalog.
+// The resident app with an unreachable catalog server (the menu does not depend on the
+// catalog) and the menu as the user opens it.
+class AppMenu : public testing::Test {
+protected:
+    void start(QHash<QString, QString> environment = {}) {
+        app.reset();
+        environment.insert(QStringLiteral("MEME_SERVER"), QStringLiteral("http://127.0.0.1:9"));
         settings = TestEnv::installConfig(std::move(environment));
-    }
-    std::unique_ptr<QMenu> build() {
         app = std::make_unique<AppDelegate>(CommandLine{});
         app->start();
+    }
+    std::unique_ptr<QMenu> open() {
         auto menu = std::make_unique<QMenu>();
         app->buildMenu(menu.get());
         return menu;
     }
+    void TearDown() override { app.reset(); }
+
     std::shared_ptr<SettingsStore> settings;
     std::unique_ptr<AppDelegate> app;
 };
 
+const QStringList endItems{"Reset picker size", "Clear recent and most used…", "About Orvane",
+                           "Quit"};
+
 } // namespace
 
-TEST(AppMenu, DebugItemsOnlyWithShowDebug) {
-    MenuUnderTest plain({{QStringLiteral("MEME_SERVER"), QStringLiteral("http://127.0.0.1:9")}});
-    auto menu = plain.build();
+TEST_F(AppMenu, ReadsTopToBottomWithAndWithoutTheDebugSwitch) {
+    start();
+    auto menu = open();
     EXPECT_EQ(titles(menu.get()),
-              (QStringList{"Hotkey", "Launch at login", "Image cache limit", "Reset picker size",
-                           "Clear recent and most used…", "Quit"}));
+              QStringList({"Hotkey", "Launch at login", "Image cache limit"}) + endItems);
 
-    MenuUnderTest debug({{QStringLiteral("MEME_SERVER"), QStringLiteral("http://127.0.0.1:9")},
-                         {QStringLiteral("MEME_DEBUG"), QStringLiteral("1")}});
-    menu = debug.build();
-    QMenu* debugMenu = submenu(menu.get(), QStringLiteral("Debug / A-B tests"));
-    ASSERT_NE(debugMenu, nullptr);
-    EXPECT_EQ(checked(submenu(debugMenu, QStringLiteral("Clipboard restore delay"))),
+    start({{QStringLiteral("MEME_DEBUG"), QStringLiteral("1")}});
+    menu = open();
+    EXPECT_EQ(titles(menu.get()),
+              QStringList({"Hotkey", "Launch at login", "Cloud search: not configured",
+                           "Image cache limit", "Debug / A-B tests"}) +
+                  endItems);
+    // An information line, not something to click.
+    const QAction* cloud = item(menu.get(), QStringLiteral("Cloud search: not configured"));
+    ASSERT_NE(cloud, nullptr);
+    EXPECT_FALSE(cloud->isEnabled());
+    QMenu* debug = submenu(menu.get(), QStringLiteral("Debug / A-B tests"));
+    ASSERT_NE(debug, nullptr);
+    EXPECT_EQ(titles(debug),
+              (QStringList{"10,000-item stress index", "Activating panel (A/B)", "Drag payload",
+                           "Paste payload", "Clipboard restore delay", "Open metrics log",
+                           "Clear image cache"}));
+    EXPECT_EQ(checked(submenu(debug, QStringLiteral("Clipboard restore delay"))),
               QStringList{"600 ms"});
-    EXPECT_EQ(checked(submenu(debugMenu, QStringLiteral("Drag payload"))),
+    EXPECT_EQ(
+        titles(submenu(debug, QStringLiteral("Drag payload"))),
+        (QStringList{"A: file URL only", "B: file URL + PNG", "JPEG only (smallest, fastest)"}));
+    EXPECT_EQ(checked(submenu(debug, QStringLiteral("Drag payload"))),
               QStringList{"B: file URL + PNG"});
+
+    settings->set(QStringLiteral("searchURL"), "https://search.example.org/v1");
+    EXPECT_EQ(titles(open().get()).at(2),
+              QStringLiteral("Cloud search: https://search.example.org/v1"));
 }
 
-TEST(AppMenu, CacheLimitChecksTheStoredChoiceOnly) {
-    MenuUnderTest m({{QStringLiteral("MEME_SERVER"), QStringLiteral("http://127.0.0.1:9")}});
-    auto menu = m.build();
-    EXPECT_EQ(checked(submenu(menu.get(), QStringLiteral("Image cache limit"))),
-              QStringList{"500 MB"});
-    m.settings->set(QStringLiteral("cacheMB"), 800);
-    menu = std::make_unique<QMenu>();
-    m.app->buildMenu(menu.get());
-    EXPECT_TRUE(checked(submenu(menu.get(), QStringLiteral("Image cache limit"))).isEmpty());
+TEST_F(AppMenu, SubmenusTickTheStoredChoiceAndWriteTheChosenOne) {
+    start();
+    auto menu = open();
+    QMenu* cache = submenu(menu.get(), QStringLiteral("Image cache limit"));
+    EXPECT_EQ(titles(cache), (QStringList{"100 MB", "500 MB", "2000 MB"}));
+    EXPECT_EQ(checked(cache), QStringList{"500 MB"});
 
-    // Choosing writes the setting.
-    submenu(menu.get(), QStringLiteral("Image cache limit"))->actions().at(2)->trigger();
-    EXPECT_EQ(DebugFlags::cacheMB(), 2000);
-}
-
-TEST(AppMenu, HotkeyMenuMarksACustomShortcut) {
-    MenuUnderTest m({{QStringLiteral("MEME_SERVER"), QStringLiteral("http://127.0.0.1:9")}});
-    m.settings->set(QStringLiteral("hotKeyCode"), 0x0E);
-    m.settings->set(QStringLiteral("hotKeyMods"), 0x1000 | 0x200);
-    m.settings->set(QStringLiteral("hotKeyLabel"), "Ctrl+Shift+E");
-    auto menu = m.build();
+    // A stored size that is no choice ticks none; a recorded shortcut is marked as custom.
+    settings->set(QStringLiteral("cacheMB"), 800);
+    settings->set(QStringLiteral("hotKeyCode"), 0x0E);
+    settings->set(QStringLiteral("hotKeyMods"), 0x1000 | 0x200);
+    settings->set(QStringLiteral("hotKeyLabel"), "Ctrl+Shift+E");
+    menu = open();
+    cache = submenu(menu.get(), QStringLiteral("Image cache limit"));
+    EXPECT_TRUE(checked(cache).isEmpty());
     QMenu* hotkey = submenu(menu.get(), QStringLiteral("Hotkey"));
-    ASSERT_NE(hotkey, nullptr);
+    EXPECT_EQ(titles(hotkey),
+              (QStringList{"Ctrl+M", "Ctrl+Alt+M", "Ctrl+Shift+Space", "Ctrl+Alt+Space",
+                           "Ctrl+Shift+E  (custom)", "Record custom shortcut…"}));
     EXPECT_EQ(checked(hotkey), QStringList{"Ctrl+Shift+E  (custom)"});
-    EXPECT_TRUE(titles(hotkey).contains(QStringLiteral("Record custom shortcut…")));
+
+    ASSERT_NE(cache, nullptr);
+    item(cache, QStringLiteral("2000 MB"))->trigger();
+    EXPECT_EQ(settings->integer(QStringLiteral("cacheMB")), 2000);
+}
+
+TEST_F(AppMenu, AboutShowsTheVersionAboveTheOpenPanel) {
+    start();
+    app->panelController().show();
+    auto menu = open();
+    QAction* about = item(menu.get(), QStringLiteral("About Orvane"));
+    ASSERT_NE(about, nullptr);
+    about->trigger();
+    QMessageBox* box = nullptr;
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] {
+            box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+            return box && box->isVisible();
+        },
+        5000));
+    EXPECT_EQ(box->text(), QStringLiteral("Orvane 0.1.0"));
+    EXPECT_EQ(box->parentWidget(), app->panelController().panel());
+    QStringList buttons;
+    for (const QAbstractButton* button : box->buttons())
+        buttons.append(button->text().remove(QLatin1Char('&')));
+    EXPECT_EQ(buttons, QStringList{"OK"});
+    box->close();
 }

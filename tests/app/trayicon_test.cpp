@@ -5,6 +5,7 @@
 #include "support/desktop.h"
 #include "support/testenv.h"
 #include "support/xvfbsession.h"
+#include "telemetry/metrics.h"
 #include "ui/pickerpanel.h"
 #include "ui/toast.h"
 
@@ -130,14 +131,18 @@ bool closeMenuWithEscape() {
            QTest::qWaitFor([] { return openPopupMenu() == nullptr; }, 5000);
 }
 
-QStringList checkedIn(const QMenu* menu, const QString& submenu) {
-    QStringList out;
-    for (const QAction* action : menu->actions())
-        if (action->text() == submenu && action->menu())
-            for (const QAction* choice : action->menu()->actions())
-                if (choice->isChecked())
-                    out.append(choice->text());
-    return out;
+// The metrics log's lines, without their time, as the user would read them.
+QString loggedEvents() {
+    Metrics::shared().flush();
+    QStringList lines;
+    for (const QByteArray& line : TestEnv::readFile(Metrics::url()).split('\n')) {
+        if (line.isEmpty())
+            continue;
+        nlohmann::json event = nlohmann::json::parse(line.toStdString());
+        event.erase("t");
+        lines.append(QString::fromStdString(event.dump()));
+    }
+    return lines.join(u'\n');
 }
 
 class TrayIcon : public testing::Test {
@@ -147,6 +152,7 @@ protected:
         // An unreachable server: the tray does not depend on the catalog.
         settings = TestEnv::installConfig(
             {{QStringLiteral("MEME_SERVER"), QStringLiteral("http://127.0.0.1:9")}});
+        QFile::remove(Metrics::url());
     }
     void TearDown() override { app.reset(); }
 
@@ -180,6 +186,10 @@ TEST_F(TrayIcon, IconSitsInTheTrayAndRightClickOpensTheCurrentMenu) {
         },
         10000))
         << "the tray host did not embed the icon";
+    // Start-up logged where the icon is.
+    const QRegularExpression statusItem(QStringLiteral(
+        R"({"event":"status_item","frame":"-?\d+,-?\d+ \d+x\d+","hidden":false,"notch":false})"));
+    EXPECT_TRUE(statusItem.match(loggedEvents()).hasMatch()) << loggedEvents().toStdString();
 
     // With a tray the panel opens without the hidden-icon guidance.
     QSignalSpy shown(&app->panelController(), &PanelController::shown);
@@ -193,8 +203,8 @@ TEST_F(TrayIcon, IconSitsInTheTrayAndRightClickOpensTheCurrentMenu) {
     ASSERT_NE(menu, nullptr) << "right-clicking the icon opened no menu";
     EXPECT_EQ(titles(menu),
               (QStringList{"Hotkey", "Launch at login", "Image cache limit", "Reset picker size",
-                           "Clear recent and most used…", "Quit"}));
-    EXPECT_EQ(checkedIn(menu, QStringLiteral("Image cache limit")), QStringList{"500 MB"});
+                           "Clear recent and most used…", "About Orvane", "Quit"}));
+    EXPECT_EQ(checked(submenu(menu, QStringLiteral("Image cache limit"))), QStringList{"500 MB"});
     // It opens at the icon: a corner of the menu sits at the pointer.
     EXPECT_TRUE(menu->geometry().adjusted(-4, -4, 4, 4).contains(click))
         << "menu at " << menu->geometry().x() << "," << menu->geometry().y() << ", click at "
@@ -205,7 +215,7 @@ TEST_F(TrayIcon, IconSitsInTheTrayAndRightClickOpensTheCurrentMenu) {
     DebugFlags::setCacheMB(2000);
     menu = rightClickTrayIcon(&click);
     ASSERT_NE(menu, nullptr);
-    EXPECT_EQ(checkedIn(menu, QStringLiteral("Image cache limit")), QStringList{"2000 MB"});
+    EXPECT_EQ(checked(submenu(menu, QStringLiteral("Image cache limit"))), QStringList{"2000 MB"});
     EXPECT_EQ(titles(menu).count(QStringLiteral("Quit")), 1);
     ASSERT_TRUE(closeMenuWithEscape());
 }
@@ -220,4 +230,12 @@ TEST_F(TrayIcon, WithoutATrayThePanelSaysWhereTheMenuWent) {
     const Toast* toast = app->panelController().panel()->findChild<Toast*>();
     ASSERT_TRUE(QTest::qWaitFor([&] { return toast->isVisible(); }, 5000));
     EXPECT_EQ(toast->text(), hiddenTrayMessage);
+
+    // Start-up logged the hidden icon, and that pasting for the user is possible (XTEST).
+    const QString events = loggedEvents();
+    EXPECT_TRUE(events.contains(
+        QStringLiteral(R"({"event":"status_item","frame":"","hidden":true,"notch":false})")))
+        << events.toStdString();
+    EXPECT_TRUE(events.contains(QStringLiteral(R"({"event":"accessibility","trusted":true})")))
+        << events.toStdString();
 }

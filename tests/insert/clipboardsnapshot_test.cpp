@@ -30,15 +30,15 @@ ClipboardContents readBack() {
 } // namespace
 
 TEST(ClipboardSnapshot, KeepsTheOwnersTypesAndDropsTheDesktopsAndOurs) {
-    const ClipboardSnapshot snapshot =
-        ClipboardSnapshot::fromContents(owned({{QStringLiteral("TARGETS"), "x"},
-                                               {QStringLiteral("TIMESTAMP"), "x"},
-                                               {QStringLiteral("text/html"), "<b>hi</b>"},
-                                               {QStringLiteral("UTF8_STRING"), "hi"},
-                                               {QStringLiteral("application/x-qt-image"), "x"},
-                                               {ClipboardSnapshot::ownerMarkerType, "1:1"},
-                                               {QStringLiteral("text/plain;charset=utf-8"), "hi"},
-                                               {QStringLiteral("chromium/x-source-url"), "u"}}));
+    const ClipboardSnapshot snapshot = ClipboardSnapshot::fromContents(
+        owned({{QStringLiteral("TARGETS"), "x"},
+               {QStringLiteral("TIMESTAMP"), "x"},
+               {QStringLiteral("text/html"), "<b>hi</b>"},
+               {QStringLiteral("UTF8_STRING"), "hi"},
+               {QStringLiteral("application/x-qt-image"), "x"},
+               {QStringLiteral("application/x-orvane-owner"), "1:1"},
+               {QStringLiteral("text/plain;charset=utf-8"), "hi"},
+               {QStringLiteral("chromium/x-source-url"), "u"}}));
     ASSERT_EQ(snapshot.items().size(), 1);
     const ClipboardItem expected{{QStringLiteral("text/html"), "<b>hi</b>"},
                                  {QStringLiteral("text/plain;charset=utf-8"), "hi"},

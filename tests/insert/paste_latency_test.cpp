@@ -37,7 +37,7 @@ TEST_F(PasteOnTheDesktop, DISABLED_MeasuresPasteLatency) {
         EXPECT_FALSE(pasteFirstResult().isEmpty());
         EXPECT_TRUE(QTest::qWaitFor(
             [&] { return target.pastes().size() > pastes && finished.size() > ends; }, 10000));
-        QTest::qWait(PanelController::insertGuardMs);
+        EXPECT_TRUE(QTest::qWaitFor([&] { return !app->panelController().isInserting(); }, 5000));
         return target.pastes().last().value(QStringLiteral("monotonic_ms")).toDouble();
     };
 

@@ -50,11 +50,6 @@ QString windowNameMatching(const QString& pattern) {
     return QString::fromUtf8(out).trimmed();
 }
 
-QByteArray readFile(const QString& path) {
-    QFile file(path);
-    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-}
-
 } // namespace
 
 TEST_F(PasteOnTheDesktop, GtkEditorGetsTheFileAndTheUserKeepsTheirText) {
@@ -78,11 +73,11 @@ TEST_F(PasteOnTheDesktop, GtkEditorGetsTheFileAndTheUserKeepsTheirText) {
         [&] {
             QTest::qWait(300);
             key("ctrl+s");
-            return readFile(note).contains("kept words");
+            return TestEnv::readFile(note).contains("kept words");
         },
         10000))
-        << readFile(note).toStdString();
-    const QByteArray text = readFile(note);
+        << TestEnv::readFile(note).toStdString();
+    const QByteArray text = TestEnv::readFile(note);
     EXPECT_TRUE(text.startsWith("file://")) << text.toStdString();
     EXPECT_TRUE(text.contains(".png")) << text.toStdString();
 }

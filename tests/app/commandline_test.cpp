@@ -58,3 +58,29 @@ TEST(PrintConfig, EmptyServerVariableIsFatalWithAClearLine) {
     EXPECT_EQ(r.err, QStringLiteral(
                          "orvane: configuration error: MEME_SERVER is not a valid URL: \"\"\n"));
 }
+
+TEST(CommandLine, HelpAndVersionPrintAndEnd) {
+    OrvaneRun r = orvane({QStringLiteral("--help")}, {});
+    EXPECT_EQ(r.exitCode, 0);
+    EXPECT_TRUE(r.out.startsWith(QLatin1String("Usage: orvane [--show]\n"))) << r.out.toStdString();
+    EXPECT_TRUE(r.out.contains(QLatin1String("  --print-config ")));
+    EXPECT_TRUE(r.err.isEmpty()) << r.err.toStdString();
+
+    r = orvane({QStringLiteral("--version")}, {});
+    EXPECT_EQ(r.exitCode, 0);
+    EXPECT_EQ(r.out, QStringLiteral("Orvane 0.1.0\n"));
+}
+
+TEST(CommandLine, UnknownSwitchPrintsTheUsageAndFails) {
+    // Without a display as well: it must not get as far as starting a resident copy.
+    for (const QStringList& args :
+         {QStringList{QStringLiteral("--shwo")}, QStringList{QStringLiteral("--query")},
+          QStringList{QStringLiteral("--print-config"), QStringLiteral("extra")}}) {
+        const OrvaneRun r = orvane(args, {});
+        EXPECT_EQ(r.exitCode, 2) << args.join(' ').toStdString();
+        EXPECT_TRUE(r.out.isEmpty()) << r.out.toStdString();
+        EXPECT_TRUE(r.err.startsWith(
+            QStringLiteral("orvane: unknown argument %1\n\nUsage: orvane").arg(args.last())))
+            << r.err.toStdString();
+    }
+}
