@@ -73,6 +73,29 @@ QAction* action(const QMenu* menu, const QString& title) {
     return nullptr;
 }
 
+// Clicks ⋯ in the panel, then the items along `path` (submenus first). The menu runs an event
+// loop of its own, so the returned timer clicks the items from inside it.
+std::unique_ptr<QTimer> chooseInPanelMenu(QWidget* picker, QStringList path) {
+    auto timer = std::make_unique<QTimer>();
+    timer->setInterval(20);
+    QObject::connect(timer.get(), &QTimer::timeout, [t = timer.get(), path]() mutable {
+        auto* menu = qobject_cast<QMenu*>(QApplication::activePopupWidget());
+        QAction* item = menu && menu->isVisible() ? action(menu, path.first()) : nullptr;
+        if (!item || !click(menu->mapToGlobal(menu->actionGeometry(item).center())))
+            return;
+        path.removeFirst();
+        if (path.isEmpty())
+            t->stop();
+    });
+    timer->start();
+    for (QToolButton* button : picker->findChildren<QToolButton*>()) {
+        if (button->text() == QStringLiteral("⋯")) {
+            EXPECT_TRUE(click(button->mapToGlobal(button->rect().center())));
+        }
+    }
+    return timer;
+}
+
 // The resident app on the private display; the catalog is not needed here.
 class HotkeyOnTheDesktop : public testing::Test {
 protected:
@@ -154,8 +177,11 @@ TEST_F(HotkeyOnTheDesktop, NoShortcutAndNoTraySaysHowToReachTheApp) {
 TEST_F(HotkeyOnTheDesktop, RecorderTakesTheCurrentShortcutAndSaysWhyKeysAreRefused) {
     RivalGrab rival(XK_j, XCB_MOD_MASK_CONTROL | XCB_MOD_MASK_1);
     startApp();
+    panel().show();
+    ASSERT_TRUE(panelHasKeyboard());
     QSignalSpy shown(&panel(), &PanelController::shown);
-    app->recordHotKey();
+    const auto chooser = chooseInPanelMenu(
+        panel().panel(), {QStringLiteral("Hotkey"), QStringLiteral("Record custom shortcut…")});
     HotKeyRecorder& recorder = app->hotKeyRecorder();
     ASSERT_TRUE(QTest::qWaitFor(
         [&] { return recorder.panel() && recorder.panel()->isActiveWindow(); }, 5000));
@@ -203,6 +229,7 @@ TEST_F(HotkeyOnTheDesktop, RecorderTakesTheCurrentShortcutAndSaysWhyKeysAreRefus
     EXPECT_EQ(app->registeredHotKey(), ctrlM);
     EXPECT_TRUE(visibleToasts().contains(QStringLiteral("Shortcut set to Ctrl+M.")))
         << visibleToasts().join('|').toStdString();
+    panel().hide();
     ASSERT_TRUE(key("ctrl+m"));
     EXPECT_TRUE(shown.wait(5000));
 }
@@ -233,45 +260,30 @@ TEST_F(HotkeyOnTheDesktop, ClearHistoryFromThePanelAsksAboveItAndReturnKeepsHist
     ASSERT_TRUE(panelHasKeyboard());
 
     PickerPanel* picker = panel().panel();
-    QToolButton* more = nullptr;
-    for (QToolButton* button : picker->findChildren<QToolButton*>())
-        if (button->text() == QStringLiteral("⋯"))
-            more = button;
-    ASSERT_NE(more, nullptr);
-    // The menu and the dialog run event loops of their own: a timer drives the steps
-    // from inside them.
-    QMessageBox* box = nullptr;
+    // The dialog runs an event loop of its own: a timer looks at it from inside.
     WId transientFor = 0;
     QList<qsizetype> stacking; // of the dialog and the panel, bottom first
-    int step = 0;
+    bool answered = false;
     QTimer driver;
     driver.setInterval(20);
     QObject::connect(&driver, &QTimer::timeout, [&] {
-        auto* menu = qobject_cast<QMenu*>(QApplication::activePopupWidget());
-        if (step == 0 && menu && menu->isVisible()) {
-            if (QAction* clear = action(menu, QStringLiteral("Clear recent and most used…")))
-                click(menu->mapToGlobal(menu->actionGeometry(clear).center()));
-            step = 1;
-        } else if (step == 1 &&
-                   (box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget())) &&
-                   box->isActiveWindow()) {
-            EXPECT_EQ(box->text(), QStringLiteral("Clear recent and most used?"));
-            const QList<WId> owner =
-                windowsIn({QStringLiteral("-id"), QString::number(box->winId()),
-                           QStringLiteral("WM_TRANSIENT_FOR")});
-            transientFor = owner.value(0);
-            const QList<WId> order =
-                windowsIn({QStringLiteral("-root"), QStringLiteral("_NET_CLIENT_LIST_STACKING")});
-            stacking = {order.indexOf(box->winId()), order.indexOf(picker->winId())};
-            key("Return"); // the picker's paste key must not clear
-            step = 2;
-        }
+        auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+        if (answered || !box || !box->isActiveWindow())
+            return;
+        EXPECT_EQ(box->text(), QStringLiteral("Clear recent and most used?"));
+        transientFor = windowsIn({QStringLiteral("-id"), QString::number(box->winId()),
+                                  QStringLiteral("WM_TRANSIENT_FOR")})
+                           .value(0);
+        const QList<WId> order =
+            windowsIn({QStringLiteral("-root"), QStringLiteral("_NET_CLIENT_LIST_STACKING")});
+        stacking = {order.indexOf(box->winId()), order.indexOf(picker->winId())};
+        answered = key("Return"); // the picker's paste key must not clear
     });
     driver.start();
-    ASSERT_TRUE(click(more->mapToGlobal(more->rect().center())));
+    const auto chooser = chooseInPanelMenu(picker, {QStringLiteral("Clear recent and most used…")});
     ASSERT_TRUE(QTest::qWaitFor(
-        [&] { return step == 2 && QApplication::activeModalWidget() == nullptr; }, 10000))
-        << "reached step " << step;
+        [&] { return answered && QApplication::activeModalWidget() == nullptr; }, 10000))
+        << "the dialog did not come up or did not close";
     driver.stop();
     // It belonged to the panel and the window manager stacked it above.
     EXPECT_EQ(transientFor, picker->winId());
