@@ -177,29 +177,102 @@ void AppDelegate::applyCollections() {
 
 bool AppDelegate::registerHotKey() {
     const HotKeyCombo combo = DebugFlags::hotKey();
-    m_registeredHotKey = combo;
+    if (registeredHotKey())
+        return chooseHotKey(combo);
+    if (tryHotKey(combo) || !m_hotkey->canRegister())
+        return registeredHotKey().has_value();
+    const QString taken = QStringLiteral("%1 is already used by another program").arg(combo.label);
+    if (m_tray || (m_panel && m_panel->isVisible())) {
+        tellAboutHotKey(taken +
+                        QStringLiteral(". Choose another shortcut under Hotkey in the menu."));
+        return false;
+    }
+    // Neither a shortcut nor a tray icon leads to the app: say how else to reach it.
+    qCWarning(lcApp).noquote() << taken;
+    auto* box = new QMessageBox(QMessageBox::Warning, QStringLiteral("Orvane"),
+                                taken + QStringLiteral(", so no shortcut opens Orvane."));
+    box->setInformativeText(QStringLiteral("Run orvane again to open the picker, then choose "
+                                           "another shortcut under Hotkey in its ⋯ menu."));
+    box->setAttribute(Qt::WA_DeleteOnClose);
+    box->setObjectName(QStringLiteral("hotkeyUnavailable"));
+    box->show();
+    return false;
+}
+
+bool AppDelegate::tryHotKey(const HotKeyCombo& combo) {
     const bool ok = m_hotkey->registerCombo(combo);
     Metrics::log(QStringLiteral("hotkey_registered"),
                  {{"combo", combo.label.toStdString()}, {"ok", ok}});
-    if (!ok && m_hotkey->canRegister())
-        notify(QStringLiteral("%1 is already used by another program. Choose another shortcut "
-                              "under Hotkey in the menu.")
-                   .arg(combo.label));
     return ok;
 }
 
+std::optional<HotKeyCombo> AppDelegate::registeredHotKey() const {
+    return m_hotkey ? m_hotkey->registered() : std::nullopt;
+}
+
+bool AppDelegate::chooseHotKey(const HotKeyCombo& combo) {
+    if (registeredHotKey() == combo)
+        return true;
+    if (tryHotKey(combo)) {
+        DebugFlags::setHotKey(combo);
+        tellAboutHotKey(QStringLiteral("Shortcut set to %1.").arg(combo.label));
+        return true;
+    }
+    if (!m_hotkey->canRegister())
+        return false;
+    QString text = QStringLiteral("%1 is already used by another program.").arg(combo.label);
+    if (const std::optional<HotKeyCombo> kept = registeredHotKey()) {
+        // Never store the refused one: it would be dead after a restart too.
+        DebugFlags::setHotKey(*kept);
+        text += QStringLiteral(" %1 still opens the picker.").arg(kept->label);
+    } else {
+        text += QStringLiteral(" Choose another shortcut under Hotkey in the menu.");
+    }
+    tellAboutHotKey(text);
+    return false;
+}
+
+void AppDelegate::tellAboutHotKey(const QString& text) {
+    qCInfo(lcApp).noquote() << text;
+    if (m_tray && !m_panel->isVisible())
+        m_tray->showMessage(QStringLiteral("Orvane"), text, QSystemTrayIcon::Information);
+    else // over the panel, or where it was when it is hidden
+        m_panel->panel()->showToast(text, Toast::Kind::guidance);
+}
+
+QWidget* AppDelegate::dialogParent() const {
+    return m_panel && m_panel->isVisible() ? m_panel->panel() : nullptr;
+}
+
 void AppDelegate::recordHotKey() {
-    m_recorder->record([](std::optional<HotKeyCombo> combo) {
-        if (combo)
-            DebugFlags::setHotKey(*combo); // the settings observer registers it
-    });
+    m_recorder->record(nullptr); // a recording in progress gives its shortcut back first
+    // The current shortcut must reach the recorder rather than open the picker.
+    const std::optional<HotKeyCombo> previous = registeredHotKey();
+    m_hotkey->unregister();
+    m_recorder->record(
+        [this, previous](std::optional<HotKeyCombo> combo) {
+            if (combo) {
+                DebugFlags::setHotKey(*combo);
+                tellAboutHotKey(QStringLiteral("Shortcut set to %1.").arg(combo->label));
+            } else if (previous && !registeredHotKey()) {
+                tryHotKey(*previous);
+            }
+        },
+        [this](const HotKeyCombo& combo) {
+            if (tryHotKey(combo))
+                return QString();
+            m_hotkey->unregister(); // still recording
+            return QStringLiteral("%1 is already used by another program. Try another.")
+                .arg(combo.label);
+        },
+        dialogParent());
 }
 
 void AppDelegate::onSettingsChanged() {
     const bool stress = DebugFlags::settings().boolean(QStringLiteral("stressIndex"));
     if (m_loader->loadedStress() != stress)
         reloadIndex();
-    if (DebugFlags::hotKey() != m_registeredHotKey)
+    if (DebugFlags::hotKey() != registeredHotKey() && !m_recorder->isRecording())
         registerHotKey();
 }
 
@@ -212,14 +285,17 @@ void AppDelegate::notify(const QString& text) {
 }
 
 void AppDelegate::clearUsageHistory() {
-    QMessageBox box;
+    QMessageBox box(dialogParent());
+    box.setWindowFlag(Qt::WindowStaysOnTopHint);
     box.setIcon(QMessageBox::Question);
     box.setText(QStringLiteral("Clear recent and most used?"));
     box.setInformativeText(QStringLiteral("Forgets which memes you used and how often. Favorites "
                                           "and your imported collections stay."));
     QPushButton* clear = box.addButton(QStringLiteral("Clear"), QMessageBox::AcceptRole);
-    box.addButton(QStringLiteral("Cancel"), QMessageBox::RejectRole);
-    box.setDefaultButton(clear);
+    // Return is the picker's paste key: it must never be the one that destroys.
+    QPushButton* cancel = box.addButton(QStringLiteral("Cancel"), QMessageBox::RejectRole);
+    box.setDefaultButton(cancel);
+    box.setEscapeButton(cancel);
     box.raise();
     box.activateWindow();
     box.exec();
@@ -262,7 +338,7 @@ void AppDelegate::buildMenu(QMenu* menu) {
     if (!hotKeyPresets.contains(current))
         presets.append({current.label + QStringLiteral("  (custom)"), current});
     addChoices<HotKeyCombo>(hotkey, presets, current,
-                            [](const HotKeyCombo& combo) { DebugFlags::setHotKey(combo); });
+                            [this](const HotKeyCombo& combo) { chooseHotKey(combo); });
     hotkey->addSeparator();
     hotkey->addAction(QStringLiteral("Record custom shortcut…"), this, &AppDelegate::recordHotKey);
 

@@ -17,6 +17,7 @@ class PanelController;
 class PickerModel;
 class QMenu;
 class QSystemTrayIcon;
+class QWidget;
 class ThumbnailCache;
 class UserData;
 class ServerCollections;
@@ -54,12 +55,20 @@ public:
     PickerModel& pickerModel() const { return *m_picker; }
     MemeStore& memeStore() const { return *m_store; }
     HotKeyRecorder& hotKeyRecorder() const { return *m_recorder; }
-    // The shortcut last handed to the desktop (registered or refused).
-    std::optional<HotKeyCombo> registeredHotKey() const { return m_registeredHotKey; }
+    UserData& userData() const { return *m_userData; }
+    // The shortcut the desktop holds for us now, if any.
+    std::optional<HotKeyCombo> registeredHotKey() const;
 
 private:
     void onSettingsChanged();
     void setUpTrayIcon();
+    // Takes `combo` into use and stores it; when it is refused the previous one stays (in
+    // the desktop and in the settings) and the user is told where they are looking.
+    bool chooseHotKey(const HotKeyCombo& combo);
+    bool tryHotKey(const HotKeyCombo& combo);
+    void tellAboutHotKey(const QString& text);
+    // Dialogs go over the picker when it shows: it stays on top of everything else.
+    QWidget* dialogParent() const;
 
     CommandLine m_commandLine;
     std::unique_ptr<UserData> m_userData;
@@ -74,5 +83,4 @@ private:
     std::unique_ptr<HotKeyRecorder> m_recorder;
     std::unique_ptr<QSystemTrayIcon> m_tray;
     std::unique_ptr<QMenu> m_trayMenu;
-    std::optional<HotKeyCombo> m_registeredHotKey;
 };

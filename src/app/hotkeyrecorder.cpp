@@ -5,30 +5,46 @@
 
 #include <QApplication>
 #include <QKeyEvent>
+#include <QKeySequence>
 #include <QLabel>
 #include <QScreen>
 #include <QVBoxLayout>
 
 namespace {
 
-// The panel forwards key presses and reports being closed by the window manager.
+// The dialog forwards key presses and reports being closed by the window manager.
 class RecorderPanel : public QWidget {
 public:
-    explicit RecorderPanel(HotKeyRecorder* recorder)
-        : QWidget(nullptr, Qt::Tool | Qt::WindowStaysOnTopHint), m_recorder(recorder) {
+    RecorderPanel(HotKeyRecorder* recorder, QWidget* over)
+        : QWidget(over, Qt::Dialog | Qt::CustomizeWindowHint | Qt::WindowTitleHint |
+                            Qt::WindowCloseButtonHint | Qt::WindowStaysOnTopHint),
+          m_recorder(recorder) {
         setWindowTitle(QStringLiteral("Record shortcut"));
         setAttribute(Qt::WA_DeleteOnClose);
-        auto* label = new QLabel(QString::fromUtf8(HotKeyRecorder::prompt), this);
-        label->setAlignment(Qt::AlignCenter);
-        label->setWordWrap(true);
-        QFont font = label->font();
+        // Above the picker it belongs to, which keeps it open instead of losing the keyboard.
+        if (over)
+            setWindowModality(Qt::WindowModal);
+        auto* prompt = new QLabel(QString::fromUtf8(HotKeyRecorder::prompt), this);
+        prompt->setAlignment(Qt::AlignCenter);
+        QFont font = prompt->font();
         font.setPointSizeF(15);
-        label->setFont(font);
+        prompt->setFont(font);
+        // The prompt breaks only where its text does; the refusal line wraps within its width.
+        const int width = prompt->sizeHint().width();
+        message = new QLabel(this);
+        message->setObjectName(QStringLiteral("message"));
+        message->setAlignment(Qt::AlignCenter);
+        message->setWordWrap(true);
+        message->setFixedWidth(width);
+        message->setMinimumHeight(message->fontMetrics().lineSpacing() * 2);
         auto* layout = new QVBoxLayout(this);
         layout->setContentsMargins(20, 20, 20, 20);
-        layout->addWidget(label);
-        setMinimumSize(340, 110);
+        layout->addWidget(prompt);
+        layout->addWidget(message);
+        setFixedSize(sizeHint());
     }
+
+    QLabel* message;
 
 protected:
     void keyPressEvent(QKeyEvent* event) override {
@@ -88,22 +104,30 @@ HotKeyRecorder::~HotKeyRecorder() {
         delete m_panel.data();
 }
 
-void HotKeyRecorder::record(Completion completion) {
+void HotKeyRecorder::record(Completion completion, Check check, QWidget* over) {
     finish(std::nullopt);
     if (!completion)
         return;
     m_completion = std::move(completion);
-    auto* panel = new RecorderPanel(this);
+    m_check = std::move(check);
+    auto* panel = new RecorderPanel(this, over);
     m_panel = panel;
-    panel->adjustSize();
+    m_message = panel->message;
     const QScreen* screen = QGuiApplication::screenAt(QCursor::pos());
     if (!screen)
         screen = QGuiApplication::primaryScreen();
-    if (screen)
-        panel->move(screen->availableGeometry().center() - panel->rect().center());
+    const QRect area = over     ? over->frameGeometry()
+                       : screen ? screen->availableGeometry()
+                                : QRect();
+    if (area.isValid())
+        panel->move(area.center() - panel->rect().center());
     panel->show();
     panel->raise();
     panel->activateWindow();
+}
+
+QString HotKeyRecorder::message() const {
+    return m_message ? m_message->text() : QString();
 }
 
 bool HotKeyRecorder::handleKey(int qtKey, Qt::KeyboardModifiers modifiers) {
@@ -122,16 +146,40 @@ bool HotKeyRecorder::handleKey(int qtKey, Qt::KeyboardModifiers modifiers) {
         mods |= HotKeyCombo::shiftMask;
     if (modifiers & Qt::MetaModifier)
         mods |= HotKeyCombo::superMask;
-    const auto key = KeyCodes::byQtKey(unshifted(qtKey));
-    const bool hasCommandModifier =
-        mods & (HotKeyCombo::controlMask | HotKeyCombo::altMask | HotKeyCombo::superMask);
-    if (!key || (!hasCommandModifier && !KeyCodes::isFunctionKey(key->virtualCode))) {
-        QApplication::beep();
-        emit refused();
+    // Keypad digits arrive as plain digits; a grab would take the main row's keys instead.
+    const auto key =
+        modifiers & Qt::KeypadModifier ? std::nullopt : KeyCodes::byQtKey(unshifted(qtKey));
+    if (!key) {
+        const QString name = QKeySequence(qtKey).toString(QKeySequence::NativeText);
+        refuse(modifiers & Qt::KeypadModifier
+                   ? QStringLiteral("Keypad keys are not available for shortcuts.")
+                   : (name.isEmpty() ? QStringLiteral("This key") : name) +
+                         QStringLiteral(" is not available for shortcuts."));
         return false;
     }
-    finish(HotKeyCombo{key->virtualCode, mods, KeyCodes::label(mods, key->virtualCode)});
+    const HotKeyCombo combo{key->virtualCode, mods, KeyCodes::label(mods, key->virtualCode)};
+    const bool hasCommandModifier =
+        mods & (HotKeyCombo::controlMask | HotKeyCombo::altMask | HotKeyCombo::superMask);
+    if (!hasCommandModifier && !KeyCodes::isFunctionKey(key->virtualCode)) {
+        refuse(combo.label + QStringLiteral(" needs Ctrl, Alt or Super; only F-keys work alone."));
+        return false;
+    }
+    if (m_check) {
+        const QString why = m_check(combo);
+        if (!why.isEmpty()) {
+            refuse(why);
+            return false;
+        }
+    }
+    finish(combo);
     return true;
+}
+
+void HotKeyRecorder::refuse(const QString& why) {
+    QApplication::beep();
+    if (m_message)
+        m_message->setText(why);
+    emit refused(why);
 }
 
 void HotKeyRecorder::finish(std::optional<HotKeyCombo> result) {
@@ -141,6 +189,7 @@ void HotKeyRecorder::finish(std::optional<HotKeyCombo> result) {
         panel->hide();
         panel->deleteLater();
     }
+    m_check = nullptr;
     Completion done = std::exchange(m_completion, nullptr);
     if (done)
         done(std::move(result));

@@ -58,7 +58,7 @@ void PanelController::toggle(quint32 timestamp) {
 void PanelController::show(quint32 timestamp) {
     // Read before the panel maps: then the desktop still names the user's window.
     m_target = m_activator->frontmost();
-    if (m_target.window == m_panel->winId())
+    if (isOurWindow(m_target))
         m_target = {};
     m_showTimestamp = timestamp;
     m_model.setAccessibilityOK(m_paster->isTrusted());
@@ -70,6 +70,16 @@ void PanelController::show(quint32 timestamp) {
         QStringLiteral("panel_shown"),
         {{"target", m_target.identifier.toStdString()},
          {"activatingMode", DebugFlags::settings().boolean(QStringLiteral("activatingMode"))}});
+}
+
+bool PanelController::isOurWindow(const DesktopApp& app) {
+    // The recorder or a dialog of ours may be in front: pasting there would go nowhere.
+    if (app.pid == QCoreApplication::applicationPid())
+        return true;
+    const QWindowList windows = QGuiApplication::allWindows();
+    return std::any_of(windows.begin(), windows.end(), [&](const QWindow* window) {
+        return window->handle() && window->winId() == app.window;
+    });
 }
 
 void PanelController::askForKeyboard(quint32 timestamp) {

@@ -55,6 +55,7 @@ signals:
     void inserted(const Meme& meme);
 
 private:
+    static bool isOurWindow(const DesktopApp& app);
     // The window manager may not hand the keyboard to a program that had no input of its
     // own, and ignores requests for a window it has not mapped yet: ask until it takes.
     void askForKeyboard(quint32 timestamp);

@@ -62,9 +62,9 @@ constexpr std::array<Key, 76> keys = {{
     {0x30, XK_Tab, Qt::Key_Tab, "Tab"},
     {0x31, XK_space, Qt::Key_Space, "Space"},
     {0x32, XK_grave, Qt::Key_QuoteLeft, "`"},
-    // The key that erases backwards; Linux keyboards call it Backspace.
-    {0x33, XK_BackSpace, Qt::Key_Backspace, "Backspace"},
-    {0x35, XK_Escape, Qt::Key_Escape, "Esc"},
+    // The key that erases backwards (Backspace on most Linux keyboards) keeps its stored name.
+    {0x33, XK_BackSpace, Qt::Key_Backspace, "Delete"},
+    {0x35, XK_Escape, Qt::Key_Escape, "Escape"},
     {0x7A, XK_F1, Qt::Key_F1, "F1"},
     {0x78, XK_F2, Qt::Key_F2, "F2"},
     {0x63, XK_F3, Qt::Key_F3, "F3"},

@@ -94,7 +94,6 @@ TEST_F(PickerOnTheDesktop, RecordedShortcutReplacesTheOldOne) {
     HotKeyRecorder& recorder = app->hotKeyRecorder();
     ASSERT_TRUE(QTest::qWaitFor(
         [&] { return recorder.panel() && recorder.panel()->isActiveWindow(); }, 5000));
-    ASSERT_TRUE(key("shift+k")); // refused: no command modifier
     ASSERT_TRUE(key("ctrl+alt+k"));
     const HotKeyCombo expected{0x28, 0x1000 | 0x800, QStringLiteral("Ctrl+Alt+K")};
     ASSERT_TRUE(QTest::qWaitFor([&] { return app->registeredHotKey() == expected; }, 5000));

@@ -10,5 +10,6 @@ public:
     using GlobalHotkey::GlobalHotkey;
     bool registerCombo(const HotKeyCombo&) override { return false; }
     void unregister() override {}
+    std::optional<HotKeyCombo> registered() const override { return std::nullopt; }
     bool canRegister() const override { return false; }
 };

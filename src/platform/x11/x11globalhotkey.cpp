@@ -81,13 +81,17 @@ X11GlobalHotkey::~X11GlobalHotkey() {
 }
 
 bool X11GlobalHotkey::registerCombo(const HotKeyCombo& combo) {
+    const std::optional<HotKeyCombo> previous = m_combo;
     unregister();
     if (!m_connection)
         return false;
     m_combo = combo;
     if (grab())
         return true;
-    m_combo.reset();
+    // Refused: the shortcut that worked goes on working rather than leaving none.
+    m_combo = previous;
+    if (m_combo && !grab())
+        m_combo.reset();
     return false;
 }
 

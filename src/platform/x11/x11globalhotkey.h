@@ -22,6 +22,7 @@ public:
 
     bool registerCombo(const HotKeyCombo& combo) override;
     void unregister() override;
+    std::optional<HotKeyCombo> registered() const override { return m_combo; }
     bool canRegister() const override { return m_connection != nullptr; }
 
     bool nativeEventFilter(const QByteArray& eventType, void* message, qintptr* result) override;
