@@ -242,11 +242,16 @@ void PickerPanel::syncSelection() {
 }
 
 void PickerPanel::updateColumns() {
-    const int width = m_grid->viewport()->width();
-    const int columns = qMax(1, width / minimumCell);
-    // The view starts a new row when a cell would reach the viewport's last pixel, so the
-    // cells of a full row must leave that pixel free.
-    const int cell = qMax(1, (width - 1) / columns);
+    // The width the view lays cells out in: with the scroll bar shown only as needed, a
+    // left-to-right icon view always keeps room for it, whether it shows or not.
+    const int width = m_grid->maximumViewportSize().width() -
+                      m_grid->style()->pixelMetric(QStyle::PM_ScrollBarExtent, nullptr,
+                                                   m_grid->verticalScrollBar());
+    // It starts a new row when a cell would reach the last pixel, so the cells of a full
+    // row must leave that pixel free.
+    const int usable = width - 1;
+    const int columns = qMax(1, usable / minimumCell);
+    const int cell = qMax(1, usable / columns);
     m_delegate->setCellSize(QSize(cell, cell));
     m_grid->setGridSize(QSize(cell, cell));
     m_model.setColumns(columns);
