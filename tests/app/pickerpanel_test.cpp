@@ -158,21 +158,6 @@ TEST(PickerPanelText, EmptyMineAdviceIsWholeAndDrawable) {
     EXPECT_LE(needed.width(), status->contentsRect().width());
 }
 
-// Reset picker size puts the panel back where it opens, at the default size.
-TEST(PickerPanelPlace, ResetSizeRecentres) {
-    GLIMMET_REQUIRE_DESKTOP();
-    MinePanel p(3);
-    p.panel.hide();
-    p.panel.present();
-    const QRect opened = p.panel.geometry();
-    p.panel.setGeometry(opened.translated(-opened.left() + 5, 40).adjusted(0, 0, 200, 100));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return p.panel.geometry() != opened; }, 2000));
-    p.panel.placeOnScreen();
-    EXPECT_TRUE(QTest::qWaitFor([&] { return p.panel.geometry() == opened; }, 2000))
-        << p.panel.geometry().x() << "," << p.panel.geometry().y();
-    EXPECT_EQ(p.panel.size(), PickerPanel::defaultSize);
-}
-
 // A file that no program opens: the user is offered its folder, above the panel, and told
 // where the file is when that fails too.
 TEST(FileOpener, OffersTheFolderThenShowsThePath) {
