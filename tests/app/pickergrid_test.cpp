@@ -115,8 +115,17 @@ TEST(PickerGrid, ResetPickerSizeRecentres) {
     app.panelController().show();
     ASSERT_TRUE(QTest::qWaitFor([&] { return panel->isVisible(); }, 5000));
     const QRect opened = panel->geometry();
-    panel->setGeometry(QRect(5, 5, opened.width() + 150, opened.height() + 80));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return panel->geometry() != opened; }, 5000));
+    // Moved and resized as the desktop would on a drag.
+    const QString window = QString::number(panel->winId());
+    ASSERT_TRUE(XvfbSession::run(QStringLiteral("xdotool"),
+                                 {QStringLiteral("windowmove"), QStringLiteral("--sync"), window,
+                                  QStringLiteral("20"), QStringLiteral("30")}));
+    ASSERT_TRUE(XvfbSession::run(QStringLiteral("xdotool"),
+                                 {QStringLiteral("windowsize"), QStringLiteral("--sync"), window,
+                                  QStringLiteral("800"), QStringLiteral("540")}));
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return panel->x() < opened.x() && panel->width() == 800; }, 5000))
+        << panel->x() << "," << panel->y() << " " << panel->width();
     app.resetPickerSize();
     EXPECT_TRUE(QTest::qWaitFor([&] { return panel->geometry() == opened; }, 5000))
         << panel->geometry().x() << "," << panel->geometry().y() << " " << panel->geometry().width()
