@@ -82,6 +82,7 @@ void ThumbnailDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opt
     if (const QVariant progress = index.data(ResultsGridModel::InsertProgressRole);
         progress.isValid()) {
         const double fraction = progress.toDouble();
+        painter->save();
         const QRectF track(cell.left() + 8, cell.bottom() - 10, cell.width() - 16, 4);
         QColor trackColor = palette.color(QPalette::Window);
         trackColor.setAlpha(200);
@@ -102,6 +103,7 @@ void ThumbnailDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opt
         }
         painter->setBrush(palette.color(QPalette::Highlight));
         painter->drawRoundedRect(bar, 2, 2);
+        painter->restore();
     }
 
     if (index.data(ResultsGridModel::FavoriteRole).toBool()) {
