@@ -20,6 +20,7 @@
 #include "search/localindex.h"
 #include "search/pickermodel.h"
 #include "telemetry/metrics.h"
+#include "ui/fileopener.h"
 #include "ui/pickerpanel.h"
 #include "userdata/userdata.h"
 
@@ -308,8 +309,9 @@ void AppDelegate::clearUsageHistory() {
 void AppDelegate::resetPickerSize() {
     DebugFlags::settings().remove(QStringLiteral("panelWidth"));
     DebugFlags::settings().remove(QStringLiteral("panelHeight"));
+    // A panel dragged to another size is usually off centre too.
     if (m_panel->isVisible())
-        m_panel->panel()->resize(PickerPanel::defaultSize);
+        m_panel->panel()->placeOnScreen();
 }
 
 void AppDelegate::showPanel() {
@@ -399,8 +401,10 @@ void AppDelegate::buildMenu(QMenu* menu) {
                                   {QStringLiteral("1000 ms"), 1000}},
                                  DebugFlags::restoreDelayMs(),
                                  [](const std::int64_t& ms) { DebugFlags::setRestoreDelayMs(ms); });
-        debug->addAction(QStringLiteral("Open metrics log"), this,
-                         [] { QDesktopServices::openUrl(QUrl::fromLocalFile(Metrics::url())); });
+        debug->addAction(QStringLiteral("Open metrics log"), this, [this] {
+            FileOpener::open(Metrics::url(), m_panel->isVisible() ? m_panel->panel() : nullptr,
+                             &QDesktopServices::openUrl, [this](const QString& t) { notify(t); });
+        });
         debug->addAction(QStringLiteral("Clear image cache"), this,
                          [this] { m_store->clearCache(); });
     }

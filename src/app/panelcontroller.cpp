@@ -35,6 +35,13 @@ PanelController::PanelController(PickerModel& model, MemeStore& store, Thumbnail
                                                                 : Toast::Kind::guidance);
         });
     connect(&m_model, &PickerModel::insertRequested, this, &PanelController::insert);
+    connect(m_panel.get(), &PickerPanel::dismissed, this, &PanelController::cancelWaitingInsert);
+    connect(&m_store, &MemeStore::downloadProgress, this,
+            [this](const QString& id, qint64 received, qint64 total) {
+                if (id == m_waitingFor)
+                    m_panel->setInsertProgress(id,
+                                               total > 0 ? double(received) / double(total) : -1.0);
+            });
 }
 
 PanelController::~PanelController() = default;
@@ -104,7 +111,18 @@ void PanelController::insert(const Meme& meme) {
     m_userData.recordPick(meme.id, m_model.query());
     m_store.touch(meme);
     const bool cached = m_store.cachedFullURL(meme).has_value();
-    m_store.ensureFull(meme, [this, meme, cached](std::optional<QUrl> file) {
+    const quint64 generation = ++m_insertGeneration;
+    if (!cached) {
+        m_waitingFor = meme.id;
+        m_panel->setInsertProgress(meme.id, -1);
+    }
+    m_store.ensureFull(meme, [this, meme, cached, generation](std::optional<QUrl> file) {
+        if (generation != m_insertGeneration)
+            return; // cancelled while it downloaded
+        if (!m_waitingFor.isEmpty()) {
+            m_waitingFor.clear();
+            m_panel->setInsertProgress({}, 0);
+        }
         if (!file) {
             m_inserting = false;
             m_panel->showToast(QStringLiteral("Download failed"), Toast::Kind::error);
@@ -121,4 +139,14 @@ void PanelController::insert(const Meme& meme) {
         QTimer::singleShot(insertGuardMs, this, [this] { m_inserting = false; });
         emit inserted(meme);
     });
+}
+
+void PanelController::cancelWaitingInsert() {
+    if (m_waitingFor.isEmpty())
+        return;
+    // The download goes on and lands in the cache; only its paste is dropped.
+    ++m_insertGeneration;
+    m_waitingFor.clear();
+    m_panel->setInsertProgress({}, 0);
+    m_inserting = false;
 }

@@ -41,8 +41,11 @@ public:
     // Enter on a result: records the pick, waits for the full image (the panel stays open
     // with "Download failed" if it cannot be had) and pastes it into the program that was in
     // front. Further Enters are ignored until 0.5 s after the paste was handed over.
+    // Hiding the panel while the image is still on its way cancels the paste.
     void insert(const Meme& meme);
     bool isInserting() const { return m_inserting; }
+    // Whether an insert waits for its full image.
+    bool isWaitingForImage() const { return !m_waitingFor.isEmpty(); }
     Paster& paster() const { return *m_paster; }
     // The program in front when the panel last opened; invalid when unknown.
     const DesktopApp& target() const { return m_target; }
@@ -59,6 +62,8 @@ private:
     // The window manager may not hand the keyboard to a program that had no input of its
     // own, and ignores requests for a window it has not mapped yet: ask until it takes.
     void askForKeyboard(quint32 timestamp);
+    // The panel went away before the image came: the user no longer wants the paste.
+    void cancelWaitingInsert();
     static constexpr int maxActivationTries = 20;
     static constexpr int activationRetryMs = 15;
 
@@ -75,4 +80,8 @@ private:
     quint32 m_showTimestamp = 0;
     int m_activationTries = 0;
     bool m_inserting = false;
+    // The item whose paste waits for its download, and a count that tells a cancelled
+    // wait's late answer from the current one.
+    QString m_waitingFor;
+    quint64 m_insertGeneration = 0;
 };

@@ -169,6 +169,10 @@ MemeStore::DownloadPtr MemeStore::startDownload(const Meme& meme, const ImageLoc
     QNetworkReply* reply = get(full.url);
     d->task = reply;
     connect(reply, &QNetworkReply::finished, this, [this, d, reply] { taskFinished(d, reply); });
+    connect(reply, &QNetworkReply::downloadProgress, this,
+            [this, id = meme.id](qint64 received, qint64 total) {
+                emit downloadProgress(id, received, total);
+            });
     m_inflight.insert(key, d);
     return d;
 }

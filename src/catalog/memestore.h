@@ -122,6 +122,8 @@ public:
 
 signals:
     void cacheCleared();
+    // Bytes of a full image received so far; `total` is -1 while the size is unknown.
+    void downloadProgress(const QString& memeId, qint64 received, qint64 total);
 
 private:
     struct Download {

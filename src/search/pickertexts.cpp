@@ -36,14 +36,16 @@ QString mineStatus(qsizetype mine, qsizetype favoriteStickers) {
 }
 
 QString collectionListStatus(qsizetype collections) {
-    return QStringLiteral("%1 collections · ↵ open · drag to insert · ⇥ memes · esc close")
-        .arg(collections);
+    return (collections == 1 ? QStringLiteral("1 collection")
+                             : QStringLiteral("%1 collections").arg(collections)) +
+           QStringLiteral(" · ↵ open · drag to insert · ⇥ memes · esc close");
 }
 
 QString openCollectionStatus(qsizetype shown, qint64 total, const QString& title) {
-    return QStringLiteral("%1 of %2 stickers in %3 · ↵ paste · drag to insert · ⇥ memes · esc back")
+    return QStringLiteral("%1 of %2 %3 in %4 · ↵ paste · drag to insert · ⇥ memes · esc back")
         .arg(shown)
         .arg(total)
+        .arg(total == 1 ? QStringLiteral("sticker") : QStringLiteral("stickers"))
         .arg(title);
 }
 

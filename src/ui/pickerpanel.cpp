@@ -18,6 +18,8 @@
 #include <QScrollBar>
 #include <QSizeGrip>
 #include <QTabBar>
+#include <QTextLayout>
+#include <QTimer>
 #include <QToolButton>
 #include <QVBoxLayout>
 #include <QWindow>
@@ -28,6 +30,42 @@ const QString widthKey = QStringLiteral("panelWidth");
 const QString heightKey = QStringLiteral("panelHeight");
 
 const char* tabTitles[] = {"Memes", "Collections", "Recent", "Mine"};
+
+const QString separator = QStringLiteral(" · ");
+const QChar fullwidthPlus(0xFF0B);
+
+// Whether every character of `text` has a glyph in `font` or one of its fallbacks (glyph 0 is
+// the missing-glyph box).
+bool rendersAll(const QString& text, const QFont& font) {
+    QTextLayout layout(text, font);
+    layout.beginLayout();
+    layout.createLine();
+    layout.endLayout();
+    for (const QGlyphRun& run : layout.glyphRuns())
+        for (const quint32 glyph : run.glyphIndexes())
+            if (glyph == 0)
+                return false;
+    return true;
+}
+
+// As many whole " · " parts of `text` as fit into `width`, then "…": a hint is never cut in
+// the middle of a word.
+QString elideAtSeparators(const QString& text, const QFontMetrics& metrics, int width) {
+    if (metrics.horizontalAdvance(text) <= width)
+        return text;
+    const QStringList parts = text.split(separator);
+    const QString more = separator + QStringLiteral("…");
+    QString kept = parts.first();
+    for (qsizetype i = 1; i < parts.size(); ++i) {
+        const QString longer = kept + separator + parts[i];
+        if (metrics.horizontalAdvance(longer + more) > width)
+            break;
+        kept = longer;
+    }
+    if (metrics.horizontalAdvance(kept + more) <= width)
+        return kept + more;
+    return metrics.elidedText(kept, Qt::ElideRight, width);
+}
 
 } // namespace
 
@@ -84,6 +122,16 @@ PickerPanel::PickerPanel(PickerModel& model, ThumbnailCache* thumbnails, QWidget
     m_status->setObjectName(QStringLiteral("status"));
     m_status->setForegroundRole(QPalette::PlaceholderText);
     m_status->setTextInteractionFlags(Qt::NoTextInteraction);
+    // The line is fitted to the width it gets, never the other way round.
+    m_status->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Preferred);
+    m_status->setMinimumWidth(1);
+    m_status->installEventFilter(this);
+
+    m_progressTicker = new QTimer(this);
+    m_progressTicker->setInterval(40);
+    // Runs only while the size is unknown: redraws the sweeping bar.
+    connect(m_progressTicker, &QTimer::timeout, this,
+            [this] { m_gridModel->setInsertProgress(m_gridModel->insertPendingId(), -1); });
 
     auto* top = new QHBoxLayout;
     top->addWidget(m_search, 1);
@@ -102,8 +150,7 @@ PickerPanel::PickerPanel(PickerModel& model, ThumbnailCache* thumbnails, QWidget
     m_toast = new Toast(this);
 
     // Model → view.
-    connect(&m_model, &PickerModel::statusChanged, this,
-            [this] { m_status->setText(m_model.status()); });
+    connect(&m_model, &PickerModel::statusChanged, this, &PickerPanel::refreshStatus);
     connect(&m_model, &PickerModel::placeholderChanged, this,
             [this] { m_search->setPlaceholderText(m_model.placeholder()); });
     connect(&m_model, &PickerModel::queryChanged, this, [this] {
@@ -136,7 +183,7 @@ PickerPanel::PickerPanel(PickerModel& model, ThumbnailCache* thumbnails, QWidget
     connect(qGuiApp, &QGuiApplication::focusWindowChanged, this,
             &PickerPanel::onFocusWindowChanged);
 
-    m_status->setText(m_model.status());
+    refreshStatus();
     m_search->setPlaceholderText(m_model.placeholder());
     syncTab();
     resize(storedSize());
@@ -152,7 +199,7 @@ QSize PickerPanel::storedSize() {
     return QSize(int(*width), int(*height));
 }
 
-void PickerPanel::present() {
+void PickerPanel::placeOnScreen() {
     // The screen the user is looking at: the one with the pointer.
     const QScreen* screen = QGuiApplication::screenAt(QCursor::pos());
     if (!screen)
@@ -162,6 +209,10 @@ void PickerPanel::present() {
     resize(size);
     move(area.left() + (area.width() - size.width()) / 2,
          area.top() + (area.height() - size.height()) / 4);
+}
+
+void PickerPanel::present() {
+    placeOnScreen();
     m_hadKeyboard = false;
     if (m_windowToast)
         m_windowToast->hide();
@@ -191,13 +242,55 @@ void PickerPanel::syncSelection() {
 }
 
 void PickerPanel::updateColumns() {
-    const int width = m_grid->viewport()->width();
-    const int columns = qMax(1, width / minimumCell);
-    // Whole cells only, so arrow keys move by exactly one row.
-    const int cell = qMax(1, width / columns);
+    // The width the view lays cells out in: with the scroll bar shown only as needed, a
+    // left-to-right icon view always keeps room for it, whether it shows or not.
+    const int width = m_grid->maximumViewportSize().width() -
+                      m_grid->style()->pixelMetric(QStyle::PM_ScrollBarExtent, nullptr,
+                                                   m_grid->verticalScrollBar());
+    // It starts a new row when a cell would reach the last pixel, so the cells of a full
+    // row must leave that pixel free.
+    const int usable = width - 1;
+    const int columns = qMax(1, usable / minimumCell);
+    const int cell = qMax(1, usable / columns);
     m_delegate->setCellSize(QSize(cell, cell));
     m_grid->setGridSize(QSize(cell, cell));
     m_model.setColumns(columns);
+}
+
+int PickerPanel::layoutColumns() const {
+    const int count = m_gridModel->rowCount();
+    if (count < 2)
+        return m_model.columns();
+    const int top = m_grid->visualRect(m_gridModel->index(0)).top();
+    int inFirstRow = 1;
+    while (inFirstRow < count && m_grid->visualRect(m_gridModel->index(inFirstRow)).top() == top)
+        ++inFirstRow;
+    // A single short row does not tell how many cells a row holds.
+    return inFirstRow < count ? inFirstRow : m_model.columns();
+}
+
+void PickerPanel::refreshStatus() {
+    QString text = m_model.status();
+    if (text.contains(fullwidthPlus) && !rendersAll(QString(fullwidthPlus), m_status->font()))
+        text.replace(fullwidthPlus, QLatin1Char('+'));
+    m_status->setToolTip(text);
+    // Key hints are cut between hints; a sentence (an empty tab's advice) wraps instead.
+    if (!text.contains(separator)) {
+        m_status->setWordWrap(true);
+        m_status->setText(text);
+        return;
+    }
+    m_status->setWordWrap(false);
+    m_status->setText(
+        elideAtSeparators(text, m_status->fontMetrics(), m_status->contentsRect().width()));
+}
+
+void PickerPanel::setInsertProgress(const QString& id, double fraction) {
+    m_gridModel->setInsertProgress(id, fraction);
+    if (!id.isEmpty() && fraction < 0)
+        m_progressTicker->start();
+    else
+        m_progressTicker->stop();
 }
 
 void PickerPanel::requestMoreIfNeeded() {
@@ -213,6 +306,9 @@ bool PickerPanel::eventFilter(QObject* watched, QEvent* event) {
     if (watched == m_search) {
         if (event->type() == QEvent::KeyPress)
             return handleKey(static_cast<QKeyEvent*>(event));
+    } else if (watched == m_status) {
+        if (event->type() == QEvent::Resize)
+            refreshStatus();
     } else if (event->type() == QEvent::Resize) {
         // The grid's viewport (the other object watched; the search field's filter is set
         // before the grid exists). It gets its real width only after the panel's resize (on
@@ -238,11 +334,13 @@ bool PickerPanel::handleKey(QKeyEvent* event) {
         m_model.moveBy(1);
         return true;
     case Qt::Key_Up:
-        m_model.moveBy(-m_model.columns());
+    case Qt::Key_Down: {
+        // The view's own rows, not a width division that can disagree with it.
+        const int columns = layoutColumns();
+        m_model.setColumns(columns);
+        m_model.moveBy(event->key() == Qt::Key_Up ? -columns : columns);
         return true;
-    case Qt::Key_Down:
-        m_model.moveBy(m_model.columns());
-        return true;
+    }
     case Qt::Key_Tab:
         m_model.nextTab();
         return true;

@@ -14,6 +14,7 @@ class QListView;
 class QMenu;
 class QTabBar;
 class QToolButton;
+class QTimer;
 class QWindow;
 class ResultsGridModel;
 class ThumbnailCache;
@@ -41,6 +42,15 @@ public:
     void showToast(const QString& text, Toast::Kind kind);
     // The stored size, or the default.
     static QSize storedSize();
+    // Back to the stored size (or the default), centred where present() puts the panel.
+    void placeOnScreen();
+
+    // The cell of `id` waits for its full image before pasting: the fraction received, or
+    // < 0 while the size is unknown. An empty id removes the bar.
+    void setInsertProgress(const QString& id, double fraction);
+
+    // Columns as the grid lays them out: what Up and Down step by.
+    int layoutColumns() const;
 
 signals:
     // The panel was hidden (Esc, focus loss or hide()).
@@ -57,6 +67,7 @@ private:
     void syncTab();
     void syncSelection();
     void updateColumns();
+    void refreshStatus();
     void requestMoreIfNeeded();
     void popUpMenu();
     void onFocusWindowChanged(QWindow* window);
@@ -72,6 +83,7 @@ private:
     Toast* m_toast;
     std::unique_ptr<Toast> m_windowToast;
     std::function<void(QMenu*)> m_buildMenu;
+    QTimer* m_progressTicker;
     bool m_menuOpen = false;
     bool m_hadKeyboard = false;
 };

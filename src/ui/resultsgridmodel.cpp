@@ -64,6 +64,12 @@ QVariant ResultsGridModel::data(const QModelIndex& index, int role) const {
     }
     case LoadingRole:
         return m_pending.contains(meme->id);
+    case InsertProgressRole:
+        if (!m_insertId.isEmpty() && meme->id == m_insertId && !m_picker.showingCollectionList())
+            return m_insertFraction;
+        return {};
+    case CaptionRole:
+        return m_picker.showingCollectionList() ? meme->description : QString();
     case FavoriteRole:
         return !m_picker.showingCollectionList() && m_picker.isFavorite(meme->id);
     case SectionTitleRole:
@@ -94,10 +100,23 @@ QPixmap ResultsGridModel::thumbnailFor(const Meme& meme) const {
         else
             model->m_missing.insert(id);
         // The list may have changed while the image was on its way: find the cell anew.
-        for (int row = 0; row < model->rowCount(); ++row)
-            if (const auto m = model->memeAt(row); m && m->id == id)
-                emit model->dataChanged(model->index(row), model->index(row),
-                                        {Qt::DecorationRole, LoadingRole});
+        model->emitChangedFor(id, {Qt::DecorationRole, LoadingRole});
     });
     return {};
+}
+
+void ResultsGridModel::emitChangedFor(const QString& id, const QList<int>& roles) {
+    for (int row = 0; row < rowCount(); ++row)
+        if (const auto m = memeAt(row); m && m->id == id)
+            emit dataChanged(index(row), index(row), roles);
+}
+
+void ResultsGridModel::setInsertProgress(const QString& id, double fraction) {
+    const QString previous = m_insertId;
+    m_insertId = id;
+    m_insertFraction = fraction;
+    if (!previous.isEmpty() && previous != id)
+        emitChangedFor(previous, {InsertProgressRole});
+    if (!id.isEmpty())
+        emitChangedFor(id, {InsertProgressRole});
 }

@@ -21,6 +21,9 @@ public:
         FavoriteRole = Qt::UserRole + 1, // bool
         SectionTitleRole,                // QString on the first cell of a Recent section
         LoadingRole,                     // bool: the thumbnail is on its way
+        InsertProgressRole, // double on the cell waiting for its full image to paste: the
+                            // fraction received, or -1 while the size is unknown
+        CaptionRole,        // QString: the name written on a collection card
     };
 
     ResultsGridModel(PickerModel& picker, ThumbnailCache* thumbnails, QObject* parent = nullptr);
@@ -28,8 +31,14 @@ public:
     int rowCount(const QModelIndex& parent = {}) const override;
     QVariant data(const QModelIndex& index, int role) const override;
 
+    // The item whose paste waits for its download, with the fraction received (< 0 unknown);
+    // an empty id clears it.
+    void setInsertProgress(const QString& id, double fraction);
+    const QString& insertPendingId() const { return m_insertId; }
+
 private:
     void reset();
+    void emitChangedFor(const QString& id, const QList<int>& roles);
     std::optional<Meme> memeAt(int row) const;
     QPixmap thumbnailFor(const Meme& meme) const;
 
@@ -38,4 +47,6 @@ private:
     mutable QCache<QString, QPixmap> m_pixmaps{400};
     mutable QSet<QString> m_pending;
     mutable QSet<QString> m_missing;
+    QString m_insertId;
+    double m_insertFraction = -1;
 };

@@ -3,8 +3,16 @@
 
 #include "ui/resultsgridmodel.h"
 
+#include <QDateTime>
 #include <QPainter>
 #include <QPainterPath>
+
+namespace {
+
+// How long the indeterminate bar's segment takes to sweep the cell once.
+constexpr int sweepMs = 1200;
+
+} // namespace
 
 void ThumbnailDelegate::paint(QPainter* painter, const QStyleOptionViewItem& option,
                               const QModelIndex& index) const {
@@ -52,6 +60,50 @@ void ThumbnailDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opt
         painter->fillPath(tagPath, back);
         painter->setPen(palette.color(QPalette::WindowText));
         painter->drawText(tag, Qt::AlignCenter, section);
+    }
+
+    const QString caption = index.data(ResultsGridModel::CaptionRole).toString();
+    if (!caption.isEmpty()) {
+        painter->setFont(option.font);
+        const QFontMetricsF metrics(option.font);
+        const QRectF band(cell.left(), cell.bottom() - metrics.height() - 8, cell.width(),
+                          metrics.height() + 8);
+        QColor back = palette.color(QPalette::Window);
+        back.setAlpha(225);
+        painter->save();
+        painter->setClipPath(rounded);
+        painter->fillRect(band, back);
+        painter->restore();
+        painter->setPen(palette.color(QPalette::WindowText));
+        painter->drawText(band.adjusted(6, 0, -6, 0), Qt::AlignCenter,
+                          metrics.elidedText(caption, Qt::ElideRight, band.width() - 12));
+    }
+
+    if (const QVariant progress = index.data(ResultsGridModel::InsertProgressRole);
+        progress.isValid()) {
+        const double fraction = progress.toDouble();
+        painter->save();
+        const QRectF track(cell.left() + 8, cell.bottom() - 10, cell.width() - 16, 4);
+        QColor trackColor = palette.color(QPalette::Window);
+        trackColor.setAlpha(200);
+        painter->setPen(Qt::NoPen);
+        painter->setBrush(trackColor);
+        painter->drawRoundedRect(track, 2, 2);
+        QRectF bar = track;
+        if (fraction >= 0) {
+            bar.setWidth(track.width() * qBound(0.0, fraction, 1.0));
+        } else {
+            // Size unknown: a segment sweeps across the track.
+            const double phase =
+                double(QDateTime::currentMSecsSinceEpoch() % sweepMs) / double(sweepMs);
+            const double segment = track.width() / 3;
+            bar.setLeft(track.left() + (track.width() + segment) * phase - segment);
+            bar.setWidth(segment);
+            bar = bar.intersected(track);
+        }
+        painter->setBrush(palette.color(QPalette::Highlight));
+        painter->drawRoundedRect(bar, 2, 2);
+        painter->restore();
     }
 
     if (index.data(ResultsGridModel::FavoriteRole).toBool()) {

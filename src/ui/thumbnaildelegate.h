@@ -4,7 +4,8 @@
 #include <QStyledItemDelegate>
 
 // Paints one grid cell: the thumbnail fitted into the cell, a placeholder while it loads,
-// the selection ring, a ★ on favourites and a section title where a Recent section starts.
+// the selection ring, a ★ on favourites, a section title where a Recent section starts, the
+// name on collection cards and a progress bar while a paste waits for the full image.
 class ThumbnailDelegate : public QStyledItemDelegate {
     Q_OBJECT
 public:

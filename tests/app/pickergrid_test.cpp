@@ -8,6 +8,7 @@
 #include "support/xvfbsession.h"
 #include "ui/pickerpanel.h"
 
+#include <QLabel>
 #include <QListView>
 #include <QTest>
 
@@ -62,4 +63,72 @@ TEST(PickerGrid, DownMovesToTheThumbnailBelow) {
     const QRect below = grid->visualRect(grid->model()->index(model.selected(), 0));
     EXPECT_EQ(below.left(), first.left());
     EXPECT_EQ(below.top(), first.bottom() + 1);
+}
+
+// The Collections tab counts in proper English and writes each collection's name on its
+// card, over the cover image.
+TEST(PickerGrid, CollectionCardsShowTheirNames) {
+    GLIMMET_REQUIRE_DESKTOP();
+    QString why;
+    CatalogFixture server;
+    ASSERT_TRUE(server.serveAsConfigured(QStringLiteral(ORVANE_SERVER_BINARY), 3, 0, &why))
+        << why.toStdString();
+    AppDelegate app{CommandLine{}};
+    app.start();
+    PickerModel& model = app.pickerModel();
+    PickerPanel* panel = app.panelController().panel();
+    app.panelController().show();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return app.panelController().panelHasKeyboard(); }, 5000));
+    ASSERT_TRUE(key("Tab"));
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] { return model.showingCollectionList() && model.collectionList().size() == 1; },
+        15000));
+    const auto* status = panel->findChild<QLabel*>(QStringLiteral("status"));
+    EXPECT_EQ(status->text(),
+              QStringLiteral("1 collection · ↵ open · drag to insert · ⇥ memes · esc close"));
+
+    // Once the cover has come, the card shows it with the name written in the window's
+    // text colour (the cover itself is one light colour, the selection ring blue).
+    auto* grid = panel->findChild<QListView*>(QStringLiteral("grid"));
+    const QModelIndex card = grid->model()->index(0, 0);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return card.data(Qt::DecorationRole).isValid(); }, 10000));
+    grid->viewport()->repaint();
+    const QImage drawn = grid->viewport()->grab(grid->visualRect(card)).toImage();
+    const QColor text = grid->palette().color(QPalette::WindowText);
+    int textPixels = 0;
+    for (int y = 0; y < drawn.height(); ++y)
+        for (int x = 0; x < drawn.width(); ++x)
+            if (const QColor c = drawn.pixelColor(x, y); std::abs(c.red() - text.red()) < 60 &&
+                                                         std::abs(c.green() - text.green()) < 60 &&
+                                                         std::abs(c.blue() - text.blue()) < 60)
+                ++textPixels; // anti-aliased glyphs come close to the colour
+    EXPECT_GT(textPixels, 20);
+    EXPECT_EQ(grid->model()->data(card, Qt::DisplayRole).toString(), QStringLiteral("Stickers"));
+}
+
+// "Reset picker size" puts a moved, resized panel back where and how it opens.
+TEST(PickerGrid, ResetPickerSizeRecentres) {
+    GLIMMET_REQUIRE_DESKTOP();
+    AppDelegate app{CommandLine{}};
+    app.start();
+    PickerPanel* panel = app.panelController().panel();
+    app.panelController().show();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return panel->isVisible(); }, 5000));
+    const QRect opened = panel->geometry();
+    // Moved and resized as the desktop would on a drag.
+    const QString window = QString::number(panel->winId());
+    ASSERT_TRUE(XvfbSession::run(QStringLiteral("xdotool"),
+                                 {QStringLiteral("windowmove"), QStringLiteral("--sync"), window,
+                                  QStringLiteral("20"), QStringLiteral("30")}));
+    ASSERT_TRUE(XvfbSession::run(QStringLiteral("xdotool"),
+                                 {QStringLiteral("windowsize"), QStringLiteral("--sync"), window,
+                                  QStringLiteral("800"), QStringLiteral("540")}));
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return panel->x() < opened.x() && panel->width() == 800; }, 5000))
+        << panel->x() << "," << panel->y() << " " << panel->width();
+    app.resetPickerSize();
+    EXPECT_TRUE(QTest::qWaitFor([&] { return panel->geometry() == opened; }, 5000))
+        << panel->geometry().x() << "," << panel->geometry().y() << " " << panel->geometry().width()
+        << "x" << panel->geometry().height();
+    EXPECT_EQ(panel->size(), PickerPanel::defaultSize);
 }

@@ -304,7 +304,7 @@ TEST(PickerModel, CollectionsOpenAndEscapeGoesBackToTheList) {
     p.model.setCollections(frogsAndOwls());
     p.model.searchTextEdited(QStringLiteral("ow"));
     EXPECT_EQ(p.model.status(),
-              QStringLiteral("1 collections · ↵ open · drag to insert · ⇥ memes · esc close"));
+              QStringLiteral("1 collection · ↵ open · drag to insert · ⇥ memes · esc close"));
     EXPECT_EQ(p.model.itemCount(), 1);
     p.model.toggleFavoriteOfSelected();
     EXPECT_TRUE(p.userData.favorites().isEmpty()) << "a collection is not an item";
