@@ -4,6 +4,7 @@
 #include "app/benchprefetch.h"
 #include "app/commandline.h"
 #include "app/querycommand.h"
+#include "app/quitsignals.h"
 #include "app/usagetest.h"
 
 #include <QApplication>
@@ -50,6 +51,7 @@ int main(int argc, char** argv) {
     QApplication::setDesktopFileName(QStringLiteral("orvane"));
     // A tray app: closing a window never ends it; "Quit" in the menu does.
     QApplication::setQuitOnLastWindowClosed(false);
+    const QuitSignals quitSignals;
     AppDelegate delegate(cl);
     delegate.start();
     return app.exec();
