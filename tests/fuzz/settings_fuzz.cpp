@@ -3,7 +3,7 @@
 // The input goes through an in-memory file, so the store reads it exactly as from disk.
 #include "catalog/settingsstore.h"
 
-#include <QString>
+#include <QStringList>
 #include <cstdlib>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -15,7 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         std::abort();
 
     const SettingsStore store(path);
-    QStringList keys = {QStringLiteral("cacheMB"), QStringLiteral("restoreDelayMs"),
+    QStringList keys = {QStringLiteral("cacheMB"),     QStringLiteral("restoreDelayMs"),
                         QStringLiteral("dragPayload"), QStringLiteral("hotKeyCode"),
                         QStringLiteral("hotKeyLabel"), QStringLiteral("installID")};
     const auto doc = nlohmann::json::parse(data, data + size, nullptr, false);

@@ -230,6 +230,7 @@ TEST(UserData, TermAndIntSaveAChangeMadeJustBefore) {
             EXPECT_EQ(helper.exitCode(), 0) << signal;
             const auto file =
                 nlohmann::json::parse(TestEnv::readFile(path).toStdString(), nullptr, false);
+            ASSERT_TRUE(file.is_object()) << "no file after signal " << signal;
             EXPECT_EQ(file["recents"], nlohmann::json({"picked"})) << signal;
             EXPECT_EQ(file["picks"]["quit test"]["picked"], 1) << signal;
         }
