@@ -67,6 +67,41 @@ UserData::Counts countMap(const json& v) {
     return out;
 }
 
+// The standard DOM builder, except that it notes where a number too large for a double ends
+// (the parser stops there) instead of failing silently.
+struct OverflowNotingBuilder : nlohmann::detail::json_sax_dom_parser<json> {
+    using json_sax_dom_parser::json_sax_dom_parser;
+    template <typename Exception>
+    bool parse_error(std::size_t position, const std::string& token, const Exception& e) {
+        if (e.id == 406) { // number overflow
+            overflowEnd = position;
+            overflowToken = token;
+        }
+        return false;
+    }
+    std::size_t overflowEnd = 0;
+    std::string overflowToken;
+};
+
+// Such a number is a bad value, not a broken file: it is read as the largest double, which a
+// count saturates from, so that the rest of the file survives.
+json parseTolerant(QByteArrayView bytes) {
+    std::string text(bytes.data(), size_t(bytes.size()));
+    for (int retry = 0; retry < 64; ++retry) {
+        json doc;
+        OverflowNotingBuilder builder(doc, false);
+        if (json::sax_parse(text, &builder))
+            return doc;
+        const std::string& token = builder.overflowToken;
+        const std::size_t end = builder.overflowEnd;
+        if (token.empty() || end < token.size() ||
+            text.compare(end - token.size(), token.size(), token) != 0)
+            return nullptr;
+        text.replace(end - token.size(), token.size(), token[0] == '-' ? "-1e308" : "1e308");
+    }
+    return nullptr;
+}
+
 const json* member(const json& doc, const char* key) {
     const auto it = doc.find(key);
     return it == doc.end() ? nullptr : &*it;
@@ -104,7 +139,7 @@ QString UserData::key(QStringView query) {
 
 UserData::State UserData::decode(QByteArrayView bytes) {
     State s;
-    const json doc = json::parse(bytes.begin(), bytes.end(), nullptr, false);
+    const json doc = parseTolerant(bytes);
     if (!doc.is_object())
         return s;
     // Favourites are what the user cannot rebuild by using the app: no cap, only dedup.

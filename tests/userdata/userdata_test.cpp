@@ -150,11 +150,11 @@ TEST(UserData, DamagedFilesKeepEveryEntryThatDecodes) {
         // Counts past 64 bits saturate, and so do the sums that rebuild missing totals.
         {R"({"favorites":["f"],"recents":[],
              "picks":{"q":{"a":18446744073709551616,"b":18446744073709551615},"r":{"b":5}},
-             "uses":{"a":99999999999999999999999999,"c":9223372036854775807}})",
+             "uses":{"a":99999999999999999999999999,"c":9223372036854775807,"d":1e400,"e":-1e999}})",
          {ids({"f"}),
           {},
           {{"q", {{"a", max}, {"b", max}}}, {"r", {{"b", 5}}}},
-          {{"a", max}, {"b", max}, {"c", max}}}},
+          {{"a", max}, {"b", max}, {"c", max}, {"d", max}}}},
     };
     for (const Case& c : cases) {
         const UserData::State got = UserData::decode(c.file);
