@@ -8,6 +8,7 @@
 
 #include <QFile>
 #include <QFileInfo>
+#include <QSet>
 #include <algorithm>
 #include <cmath>
 #include <nlohmann/json.hpp>
@@ -47,14 +48,17 @@ QStringList stringArray(const json* v, qsizetype cap) {
     QStringList out;
     if (!v || !v->is_array())
         return out;
+    QSet<QString> seen;
     for (const json& e : *v) {
         if (out.size() >= cap)
             break;
         if (!e.is_string())
             continue;
         const QString id = QString::fromStdString(e.get_ref<const std::string&>());
-        if (!out.contains(id))
+        if (!seen.contains(id)) {
+            seen.insert(id);
             out.append(id);
+        }
     }
     return out;
 }
