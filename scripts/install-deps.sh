@@ -16,6 +16,8 @@ packages=(
     at-spi2-core libatk-adaptor
     # Programs the paste tests paste into, a tray for the tray test, setxkbmap.
     mousepad chromium trayer x11-xkb-utils
+    # The fuzz targets: clang with libFuzzer and the sanitizer runtimes.
+    clang libclang-rt-dev
 )
 # The demo catalog's art comes from the npm registry: any Node.js with npm will do.
 command -v npm >/dev/null || packages+=(npm)

@@ -81,6 +81,8 @@ AppDelegate::~AppDelegate() {
 
 void AppDelegate::start() {
     m_userData = std::make_unique<UserData>();
+    // Quit and SIGTERM/SIGINT both end the event loop: the last change reaches the disk.
+    connect(qApp, &QCoreApplication::aboutToQuit, m_userData.get(), &UserData::flush);
     MemeStore::Options options = MemeStore::Options::fromConfiguration();
     options.convertToPNG = ImageConversion::makePNG;
     m_store = std::make_unique<MemeStore>(std::move(options));

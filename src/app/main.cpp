@@ -4,6 +4,7 @@
 #include "app/benchprefetch.h"
 #include "app/commandline.h"
 #include "app/querycommand.h"
+#include "app/quitsignals.h"
 #include "app/singleinstance.h"
 #include "app/usagetest.h"
 #include "buildinfo.h"
@@ -73,6 +74,7 @@ int main(int argc, char** argv) {
     case SingleInstance::Claim::noBus:
         break;
     }
+    const QuitSignals quitSignals;
     AppDelegate delegate(cl);
     QObject::connect(&instance, &SingleInstance::showRequested, &delegate,
                      [&delegate] { delegate.showPanel(); });

@@ -1,13 +1,17 @@
 // SPDX-License-Identifier: MIT
-#include "userdata/userdata.h"
 #include "support/testenv.h"
+#include "userdata/userdata.h"
 
+#include <QProcess>
 #include <QSignalSpy>
+#include <csignal>
 #include <gtest/gtest.h>
 
 namespace {
 
-QString freshFile() { return TestEnv::freshDir() + QStringLiteral("/userdata.json"); }
+QString freshFile() {
+    return TestEnv::freshDir() + QStringLiteral("/userdata.json");
+}
 
 QStringList ids(std::initializer_list<const char*> list) {
     QStringList out;
@@ -109,40 +113,83 @@ TEST(UserData, ABurstOfChangesIsOneWriteOfTheLastState) {
     EXPECT_EQ(reloaded.favorites(), ids({"m7"}));
     EXPECT_EQ(reloaded.pickCount(QStringLiteral("dog"), QStringLiteral("m19")), 1);
     EXPECT_EQ(reloaded.uses(), data.uses());
+
+    // flush() writes a pending change at once; with nothing pending it writes nothing.
+    data.toggleFavorite(QStringLiteral("m8"));
+    data.flush();
+    EXPECT_FALSE(data.hasPendingWrite());
+    EXPECT_EQ(UserData(data.path()).favorites(), ids({"m8", "m7"}));
+    EXPECT_EQ(saved.count(), 2);
+    data.flush();
+    EXPECT_EQ(saved.count(), 2);
 }
 
-TEST(UserData, FileWithoutUsesIsMigratedFromPicks) {
-    const QString path = freshFile();
-    TestEnv::writeFile(path, R"({"favorites":["f"],"recents":["a","b"],
-        "picks":{"cat":{"a":2,"b":1},"dog":{"a":3}}})");
-    UserData data(path);
-    EXPECT_EQ(data.uses().value(QStringLiteral("a")), 5);
-    EXPECT_EQ(data.uses().value(QStringLiteral("b")), 1);
-    EXPECT_EQ(data.favorites(), ids({"f"}));
+TEST(UserData, DamagedFilesKeepEveryEntryThatDecodes) {
+    const qint64 max = std::numeric_limits<qint64>::max();
+    struct Case {
+        const char* file;
+        UserData::State expected;
+    };
+    const Case cases[] = {
+        {R"({"favorites": [)", {}},
+        {"[]", {}},
+        {R"({"favorites":["a",1,"b"],"recents":"oops","picks":{"q":{"a":"x","b":2}},"uses":[]})",
+         {ids({"a", "b"}), {}, {{"q", {{"b", 2}}}}, {{"b", 2}}}},
+        {R"({"favorites":["f"],"recents":["a",null,"a","b"],"picks":[1],
+             "uses":{"a":3,"b":-1,"c":1.5,"d":0,"e":"2"}})",
+         {ids({"f"}), ids({"a", "b"}), {}, {{"a", 3}}}},
+        {R"({"favorites":{"x":1},"recents":["r"],"picks":{"":{"a":1},"ok":{"a":1},"bad":5},
+             "uses":{"a":7}})",
+         {{}, ids({"r"}), {{"ok", {{"a", 1}}}}, {{"a", 7}}}},
+        // Older files have no totals: they are the sums over the queries.
+        {R"({"favorites":["f"],"recents":["a","b"],"picks":{"cat":{"a":2,"b":1},"dog":{"a":3}}})",
+         {ids({"f"}),
+          ids({"a", "b"}),
+          {{"cat", {{"a", 2}, {"b", 1}}}, {"dog", {{"a", 3}}}},
+          {{"a", 5}, {"b", 1}}}},
+        // Counts past 64 bits saturate, and so do the sums that rebuild missing totals.
+        {R"({"favorites":["f"],"recents":[],
+             "picks":{"q":{"a":18446744073709551616,"b":18446744073709551615},"r":{"b":5}},
+             "uses":{"a":99999999999999999999999999,"c":9223372036854775807,"d":1e400,"e":-1e999}})",
+         {ids({"f"}),
+          {},
+          {{"q", {{"a", max}, {"b", max}}}, {"r", {{"b", 5}}}},
+          {{"a", max}, {"b", max}, {"c", max}, {"d", max}}}},
+    };
+    for (const Case& c : cases) {
+        const UserData::State got = UserData::decode(c.file);
+        EXPECT_EQ(got.favorites, c.expected.favorites) << c.file;
+        EXPECT_EQ(got.recents, c.expected.recents) << c.file;
+        EXPECT_EQ(got.picks, c.expected.picks) << c.file;
+        EXPECT_EQ(got.uses, c.expected.uses) << c.file;
+    }
 
-    data.recordPick(QStringLiteral("b"), QStringLiteral("cat"));
+    // Through the file: left in place, then the next save keeps what decoded.
+    const QString path = freshFile();
+    const QByteArray damaged = R"({"favorites":["f"],"recents":[],"picks":{},"uses":{"a":"x"}})";
+    TestEnv::writeFile(path, damaged);
+    UserData data(path);
+    EXPECT_EQ(TestEnv::readFile(path), damaged);
+    data.toggleFavorite(QStringLiteral("x"));
     const auto written = savedJson(data);
     ASSERT_TRUE(written.is_object());
-    EXPECT_EQ(written["uses"]["a"], 5);
-    EXPECT_EQ(written["picks"]["cat"]["b"], 2);
+    EXPECT_EQ(written["favorites"], nlohmann::json({"x", "f"}));
+    EXPECT_EQ(written["uses"], nlohmann::json::object());
 }
 
-TEST(UserData, MalformedFileStartsEmptyAndIsReplacedByTheNextSave) {
-    for (const QByteArray& bad : {QByteArray("{\"favorites\": ["), QByteArray("[]"),
-                                 QByteArray(R"({"favorites":[1],"recents":[],"picks":{}})"),
-                                 QByteArray(R"({"favorites":[],"recents":[],"picks":{"q":{"a":"x"}}})"),
-                                 QByteArray(R"({"favorites":[],"recents":[],"picks":{},"uses":[]})")}) {
-        const QString path = freshFile();
-        TestEnv::writeFile(path, bad);
-        UserData data(path);
-        EXPECT_TRUE(data.favorites().isEmpty() && data.recents().isEmpty() && data.uses().isEmpty())
-            << bad.toStdString();
-        EXPECT_EQ(TestEnv::readFile(path), bad) << "left in place";
-        data.toggleFavorite(QStringLiteral("x"));
-        const auto written = savedJson(data);
-        ASSERT_TRUE(written.is_object()) << bad.toStdString();
-        EXPECT_EQ(written["favorites"], nlohmann::json({"x"}));
-    }
+TEST(UserData, CountsStayAtTheMaximum) {
+    const QString path = freshFile();
+    TestEnv::writeFile(path,
+                       R"({"favorites":[],"recents":[],"picks":{"cat":{"a":9223372036854775807}},
+        "uses":{"a":18446744073709551616}})");
+    UserData data(path);
+    data.recordPick(QStringLiteral("a"), QStringLiteral("Cat"));
+    data.recordPick(QStringLiteral("a"), QStringLiteral("cat"));
+    data.flush();
+    const QByteArray file = TestEnv::readFile(path);
+    EXPECT_TRUE(file.contains(R"("picks":{"cat":{"a":9223372036854775807}})"))
+        << file.toStdString();
+    EXPECT_TRUE(file.contains(R"("uses":{"a":9223372036854775807})")) << file.toStdString();
 }
 
 TEST(UserData, UnwritableFolderKeepsDataInMemory) {
@@ -152,4 +199,70 @@ TEST(UserData, UnwritableFolderKeepsDataInMemory) {
     ASSERT_TRUE(saved.wait(5000));
     EXPECT_FALSE(saved.first().first().toBool());
     EXPECT_EQ(data.recents(), ids({"a"}));
+}
+
+namespace {
+
+// The next line the helper prints, or "" when it ends first.
+QByteArray nextLine(QProcess& process) {
+    while (!process.canReadLine())
+        if (!process.waitForReadyRead(10000))
+            return {};
+    return process.readLine().trimmed();
+}
+
+} // namespace
+
+TEST(UserData, TermAndIntSaveAChangeMadeJustBefore) {
+    for (const int signal : {SIGTERM, SIGINT}) {
+        // A slow machine may let the debounced write happen first; such a try proves nothing.
+        bool signalledBeforeTheWrite = false;
+        for (int attempt = 0; attempt < 3 && !signalledBeforeTheWrite; ++attempt) {
+            const QString path = freshFile();
+            QProcess helper;
+            helper.start(QStringLiteral(USERDATA_QUITHELPER),
+                         {path, QStringLiteral("pick"), QStringLiteral("picked")});
+            ASSERT_EQ(nextLine(helper), "recorded");
+            signalledBeforeTheWrite = !QFile::exists(path);
+            ::kill(pid_t(helper.processId()), signal);
+            ASSERT_TRUE(helper.waitForFinished(10000)) << signal;
+            EXPECT_EQ(helper.exitStatus(), QProcess::NormalExit) << signal;
+            EXPECT_EQ(helper.exitCode(), 0) << signal;
+            const auto file =
+                nlohmann::json::parse(TestEnv::readFile(path).toStdString(), nullptr, false);
+            ASSERT_TRUE(file.is_object()) << "no file after signal " << signal;
+            EXPECT_EQ(file["recents"], nlohmann::json({"picked"})) << signal;
+            EXPECT_EQ(file["picks"]["quit test"]["picked"], 1) << signal;
+        }
+        EXPECT_TRUE(signalledBeforeTheWrite) << signal;
+    }
+}
+
+TEST(UserData, KillDuringASaveStormLeavesAWholeFile) {
+    for (const int killAfter : {1, 7, 40, 150}) {
+        const QString path = freshFile();
+        QProcess helper;
+        helper.start(QStringLiteral(USERDATA_QUITHELPER), {path, QStringLiteral("storm")});
+        int saves = 0;
+        while (saves < killAfter) {
+            const QByteArray line = nextLine(helper);
+            ASSERT_TRUE(line.startsWith("saved ")) << line.toStdString();
+            saves = line.mid(6).toInt();
+        }
+        helper.kill();
+        ASSERT_TRUE(helper.waitForFinished(10000));
+
+        // The state after some save n >= the last one reported: m0..m(n-1) used once each.
+        const auto file =
+            nlohmann::json::parse(TestEnv::readFile(path).toStdString(), nullptr, false);
+        ASSERT_TRUE(file.is_object()) << killAfter;
+        const auto& uses = file["uses"];
+        ASSERT_TRUE(uses.is_object());
+        const int n = int(uses.size());
+        EXPECT_GE(n, saves);
+        for (int i = 0; i < n; ++i)
+            EXPECT_EQ(uses.value("m" + std::to_string(i), 0), 1) << i << " of " << n;
+        EXPECT_EQ(file["recents"][0], "m" + std::to_string(n - 1));
+        EXPECT_EQ(file["recents"].size(), size_t(std::min(n, UserData::maxRecents)));
+    }
 }
