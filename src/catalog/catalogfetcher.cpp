@@ -20,6 +20,14 @@ struct IndexResult {
     QString error;
 };
 
+// Qt's description, without the dangling separator some of them end in.
+QString systemError(QNetworkReply* reply) {
+    QString text = reply->errorString().trimmed();
+    while (text.endsWith(u':'))
+        text.chop(1);
+    return text;
+}
+
 // What went wrong with a finished reply, in the words the user's notices are built from;
 // empty when a complete 200 answer came.
 QString failureOf(QNetworkReply* reply) {
@@ -41,10 +49,14 @@ QString failureOf(QNetworkReply* reply) {
     if (reply->error() == QNetworkReply::NoError)
         return statusAttr.isValid() ? QString() : QStringLiteral("no answer from the server");
     if (!statusAttr.isValid())
-        return QStringLiteral("could not reach the server (%1)").arg(reply->errorString());
+        return QStringLiteral("could not reach the server (%1)").arg(systemError(reply));
+    if (reply->error() == QNetworkReply::UnknownContentError &&
+        reply->hasRawHeader("Content-Encoding"))
+        return QStringLiteral("the server's compressed answer could not be unpacked (%1)")
+            .arg(systemError(reply));
     // A 200 whose body did not arrive whole: a dropped connection, or content (such as a
     // compressed body beyond the decompression limits) that could not be read.
-    return QStringLiteral("the server's answer could not be read (%1)").arg(reply->errorString());
+    return QStringLiteral("the server's answer could not be read (%1)").arg(systemError(reply));
 }
 
 QString mebibytes(qint64 bytes) {
@@ -78,6 +90,7 @@ QNetworkReply* CatalogFetcher::get(const QString& document) {
 
 void CatalogFetcher::download(const QString& document, QObject* context,
                               std::function<void(Download)> done) {
+    // `done` runs exactly once, on `context`'s thread.
     QNetworkReply* reply = get(document);
     // Set just before we abort, so the abort is reported as its cause.
     auto abortedFor = std::make_shared<QString>();
@@ -98,24 +111,41 @@ void CatalogFetcher::download(const QString& document, QObject* context,
     };
     connect(reply, &QNetworkReply::metaDataChanged, reply, [reply, abortFor, tooLarge, cap] {
         bool known = false;
-        const qint64 announced = reply->header(QNetworkRequest::ContentLengthHeader).toLongLong(&known);
+        const qint64 announced =
+            reply->header(QNetworkRequest::ContentLengthHeader).toLongLong(&known);
         if (known && announced > cap)
             abortFor(tooLarge());
     });
-    connect(reply, &QNetworkReply::downloadProgress, reply,
-            [abortFor, tooLarge, cap](qint64 received, qint64) {
-                if (received > cap)
-                    abortFor(tooLarge());
-            });
-    connect(reply, &QNetworkReply::finished, context,
-            [reply, abortedFor, done = std::move(done)] {
-                reply->deleteLater();
-                Download d;
-                d.error = abortedFor->isEmpty() ? failureOf(reply) : *abortedFor;
-                if (d.error.isEmpty())
-                    d.body = reply->readAll();
-                done(std::move(d));
-            });
+    // What arrives may be compressed; the cap is on what it expands to, which is what the
+    // reply buffers.
+    connect(reply, &QNetworkReply::readyRead, reply, [reply, abortFor, tooLarge, cap] {
+        if (reply->bytesAvailable() > cap)
+            abortFor(tooLarge());
+    });
+    auto delivered = std::make_shared<bool>(false);
+    auto deliver = std::make_shared<std::function<void(Download)>>(std::move(done));
+    const auto finish = [reply, abortedFor, delivered, deliver] {
+        if (*delivered)
+            return;
+        *delivered = true;
+        reply->deleteLater();
+        Download d;
+        d.error = abortedFor->isEmpty() ? failureOf(reply) : *abortedFor;
+        if (d.error.isEmpty())
+            d.body = reply->readAll();
+        (*deliver)(std::move(d));
+    };
+    connect(reply, &QNetworkReply::finished, context, finish);
+    // A body that fails to decompress reports its error without finishing the reply.
+    connect(reply, &QNetworkReply::errorOccurred, context, [reply, context, finish, delivered] {
+        QTimer::singleShot(0, context, [reply, finish, delivered] {
+            if (*delivered)
+                return;
+            finish();
+            reply->disconnect();
+            reply->abort();
+        });
+    });
 }
 
 void CatalogFetcher::loadIndex(bool stress, QObject* context, IndexDone done) {
@@ -132,8 +162,8 @@ void CatalogFetcher::loadIndex(bool stress, QObject* context, IndexDone done) {
                         r.memes = CatalogJson::decodeMemes(d.body, &where);
                         r.signature = signature(d.body);
                         if (!r.memes) {
-                            r.error = QStringLiteral("the server's catalog is not valid (%1)")
-                                          .arg(where);
+                            r.error =
+                                QStringLiteral("the server's catalog is not valid (%1)").arg(where);
                         }
                     }
                     if (r.memes) {

@@ -63,8 +63,7 @@ public:
 
 private:
     QNetworkReply* get(const QString& document);
-    void download(const QString& document, QObject* context,
-                  std::function<void(Download)> done);
+    void download(const QString& document, QObject* context, std::function<void(Download)> done);
 
     QUrl m_base;
     QNetworkAccessManager m_network;

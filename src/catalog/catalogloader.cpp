@@ -58,23 +58,20 @@ bool CatalogLoader::reloadIndex() {
         QThreadPool::globalInstance()->start([index] { index->prepareFastPath(); });
     }
 
-    m_fetcher->loadIndex(stress, this,
-                         [this, stress, index, storedSignature,
-                          hasCatalog](std::optional<MemeList> memes,
-                                      std::optional<QString> signature, QString error) {
-                             m_lastIndexError = error;
-                             if (memes && memes->isEmpty() && hasCatalog) {
-                                 // A server cannot say "the catalog is empty now" apart from
-                                 // a broken deploy; never trade a good catalog for nothing.
-                                 m_lastIndexError =
-                                     QStringLiteral("the server sent an empty catalog");
-                                 qCWarning(lcCatalog).noquote()
-                                     << "index load failed: " + m_lastIndexError;
-                                 memes.reset();
-                             }
-                             onIndexFetched(stress, index, storedSignature, std::move(memes),
-                                            std::move(signature));
-                         });
+    m_fetcher->loadIndex(
+        stress, this,
+        [this, stress, index, storedSignature, hasCatalog](
+            std::optional<MemeList> memes, std::optional<QString> signature, QString error) {
+            m_lastIndexError = error;
+            if (memes && memes->isEmpty() && hasCatalog) {
+                // A server cannot say "the catalog is empty now" apart from
+                // a broken deploy; never trade a good catalog for nothing.
+                m_lastIndexError = QStringLiteral("the server sent an empty catalog");
+                qCWarning(lcCatalog).noquote() << "index load failed: " + m_lastIndexError;
+                memes.reset();
+            }
+            onIndexFetched(stress, index, storedSignature, std::move(memes), std::move(signature));
+        });
     return true;
 }
 
@@ -109,7 +106,8 @@ void CatalogLoader::onIndexFetched(bool stress, const std::shared_ptr<LocalIndex
             m_hasPublished = true;
             emit indexLoaded(index, memes, QStringLiteral("server"));
             runInBackground(
-                this, [index, started] {
+                this,
+                [index, started] {
                     const bool committed = index->waitUntilCommitted();
                     return std::pair(committed, started->nsecsElapsed() / 1e9);
                 },
@@ -141,8 +139,8 @@ void CatalogLoader::onIndexFetched(bool stress, const std::shared_ptr<LocalIndex
         });
 }
 
-void CatalogLoader::publishFromDisk(const std::shared_ptr<LocalIndex>& index,
-                                    const MemeList& items, bool stress) {
+void CatalogLoader::publishFromDisk(const std::shared_ptr<LocalIndex>& index, const MemeList& items,
+                                    bool stress) {
     m_index = index;
     m_hasPublished = true;
     emit indexLoaded(index, items, QStringLiteral("disk"));
@@ -176,10 +174,9 @@ void CatalogLoader::buildCollections(const QByteArray& collections, const QByteA
     const quint64 build = ++m_collectionBuilds;
     // Server documents replace the cached copies only once both decode, so a broken answer
     // never costs the copies that work.
-    const QString collectionsPath = fromServer ? filePath(QStringLiteral("collections.json"))
-                                               : QString();
-    const QString stickersPath = fromServer ? filePath(QStringLiteral("stickers.json"))
-                                            : QString();
+    const QString collectionsPath =
+        fromServer ? filePath(QStringLiteral("collections.json")) : QString();
+    const QString stickersPath = fromServer ? filePath(QStringLiteral("stickers.json")) : QString();
     runInBackground(
         this,
         [collections, stickers, collectionsPath, stickersPath] {

@@ -87,10 +87,12 @@ std::unique_ptr<LocalIndex> LocalIndex::open(const QString& path) {
     index.reset();
     // The file holds nothing that the server cannot give again; keep it for a post-mortem
     // under another name and start from an empty index.
-    const QString aside = path + QStringLiteral(".corrupt-") +
-                          QDateTime::currentDateTimeUtc().toString(QStringLiteral("yyyyMMddThhmmsszzz"));
+    const QString aside =
+        path + QStringLiteral(".corrupt-") +
+        QDateTime::currentDateTimeUtc().toString(QStringLiteral("yyyyMMddThhmmsszzz"));
     qCWarning(lcIndex).noquote() << QStringLiteral("sqlite: %1 is damaged; moved aside to %2")
-                                        .arg(QFileInfo(path).fileName(), QFileInfo(aside).fileName());
+                                        .arg(QFileInfo(path).fileName(),
+                                             QFileInfo(aside).fileName());
     if (!QFile::rename(path, aside) && !QFile::remove(path))
         return nullptr;
     for (const char* suffix : {"-wal", "-shm"}) {
@@ -270,8 +272,7 @@ bool LocalIndex::write(const MemeList& memes, const QString& signature, std::thr
 bool LocalIndex::writeTransaction(const MemeList& memes, const QString& signature,
                                   std::thread& encoder, const std::vector<QByteArray>& json) {
     // Any failed step abandons the whole transaction: the old catalog and its signature stay.
-    if (!exec(QStringLiteral("BEGIN")) || !exec(QStringLiteral("DELETE FROM memes")) ||
-        !emptyFts())
+    if (!exec(QStringLiteral("BEGIN")) || !exec(QStringLiteral("DELETE FROM memes")) || !emptyFts())
         return false;
     // Pending index data is flushed to disk whenever it outgrows this, and every flush adds a
     // segment that must be merged again; a catalog's worth fits in one.

@@ -98,8 +98,8 @@ private:
     // False when any step failed and the transaction was rolled back. Joins `encoder`.
     bool write(const MemeList& memes, const QString& signature, std::thread& encoder,
                const std::vector<QByteArray>& json);
-    bool writeTransaction(const MemeList& memes, const QString& signature,
-                          std::thread& encoder, const std::vector<QByteArray>& json);
+    bool writeTransaction(const MemeList& memes, const QString& signature, std::thread& encoder,
+                          const std::vector<QByteArray>& json);
     bool emptyFts();
     static std::unique_ptr<FtsMirror> mirrorOf(const MemeList& memes,
                                                const FtsTokenizer& tokenizer);
