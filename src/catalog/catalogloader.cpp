@@ -50,18 +50,28 @@ bool CatalogLoader::reloadIndex() {
         return false;
     }
     const std::optional<QString> storedSignature = index->storedSignature();
-    if (const std::optional<MemeList> cached = index->loadCached(); cached && !cached->isEmpty()) {
-        publish(index, *cached, stress, QStringLiteral("disk"), std::nullopt);
+    const std::optional<MemeList> cached = index->loadCached();
+    const bool hasCatalog = cached && !cached->isEmpty();
+    if (hasCatalog) {
+        publishFromDisk(index, *cached, stress);
         // Reads the keystroke path's in-memory tables now, so the first keystroke does not.
         QThreadPool::globalInstance()->start([index] { index->prepareFastPath(); });
     }
 
-    m_fetcher->loadIndex(stress, this,
-                         [this, stress, index, storedSignature](std::optional<MemeList> memes,
-                                                                std::optional<QString> signature) {
-                             onIndexFetched(stress, index, storedSignature, std::move(memes),
-                                            std::move(signature));
-                         });
+    m_fetcher->loadIndex(
+        stress, this,
+        [this, stress, index, storedSignature, hasCatalog](
+            std::optional<MemeList> memes, std::optional<QString> signature, QString error) {
+            m_lastIndexError = error;
+            if (memes && memes->isEmpty() && hasCatalog) {
+                // A server cannot say "the catalog is empty now" apart from
+                // a broken deploy; never trade a good catalog for nothing.
+                m_lastIndexError = QStringLiteral("the server sent an empty catalog");
+                qCWarning(lcCatalog).noquote() << "index load failed: " + m_lastIndexError;
+                memes.reset();
+            }
+            onIndexFetched(stress, index, storedSignature, std::move(memes), std::move(signature));
+        });
     return true;
 }
 
@@ -80,32 +90,62 @@ void CatalogLoader::onIndexFetched(bool stress, const std::shared_ptr<LocalIndex
     }
     if (storedSignature == signature)
         return emit serverCheckDone(document, QStringLiteral("unchanged")); // disk copy is current
+    auto started = std::make_shared<QElapsedTimer>();
+    started->start();
     runInBackground(
         this,
-        [index, memes = *memes, signature = *signature] {
-            QElapsedTimer timer;
-            timer.start();
+        [index, memes = *memes, signature = *signature, started] {
             index->rebuild(memes, signature);
-            return timer.nsecsElapsed() / 1e9;
+            return started->nsecsElapsed() / 1e9;
         },
-        [this, stress, index, memes = *memes](double seconds) {
+        [this, stress, index, memes = *memes, started](double searchable) {
             if (m_loadedStress != stress)
                 return emit serverCheckDone(QStringLiteral("index"), QStringLiteral("stale"));
-            publish(index, memes, stress, QStringLiteral("server"), Metrics::ms(seconds));
-            emit serverCheckDone(QStringLiteral("index"), QStringLiteral("updated"));
+            // Searchable now; the transaction is still being written on the index's thread.
+            m_index = index;
+            m_hasPublished = true;
+            emit indexLoaded(index, memes, QStringLiteral("server"));
+            runInBackground(
+                this,
+                [index, started] {
+                    const bool committed = index->waitUntilCommitted();
+                    return std::pair(committed, started->nsecsElapsed() / 1e9);
+                },
+                [this, stress, index, count = memes.size(),
+                 searchable](std::pair<bool, double> commit) {
+                    if (!commit.first) {
+                        // Rolled back: the file still holds the catalog it had, and searches
+                        // answer from it again, so the picker must show that one.
+                        m_lastIndexError = QStringLiteral("the new catalog could not be saved");
+                        qCWarning(lcCatalog).noquote() << "index load failed: " + m_lastIndexError;
+                        if (m_loadedStress == stress) {
+                            const std::optional<MemeList> old = index->loadCached();
+                            if (old && !old->isEmpty())
+                                emit indexLoaded(index, *old, QStringLiteral("disk"));
+                            else
+                                emit indexFailed(QString::fromLatin1(indexFailedMessage));
+                        }
+                        return emit serverCheckDone(QStringLiteral("index"),
+                                                    QStringLiteral("failed"));
+                    }
+                    Metrics::log(QStringLiteral("index_loaded"),
+                                 {{"count", count},
+                                  {"stress", stress},
+                                  {"source", "server"},
+                                  {"rebuild_ms", Metrics::ms(searchable)},
+                                  {"commit_ms", Metrics::ms(commit.second)}});
+                    emit serverCheckDone(QStringLiteral("index"), QStringLiteral("updated"));
+                });
         });
 }
 
-void CatalogLoader::publish(const std::shared_ptr<LocalIndex>& index, const MemeList& items,
-                            bool stress, const QString& source, std::optional<double> rebuildMs) {
+void CatalogLoader::publishFromDisk(const std::shared_ptr<LocalIndex>& index, const MemeList& items,
+                                    bool stress) {
     m_index = index;
     m_hasPublished = true;
-    emit indexLoaded(index, items, source);
-    nlohmann::json fields = {
-        {"count", items.size()}, {"stress", stress}, {"source", source.toStdString()}};
-    if (rebuildMs)
-        fields["rebuild_ms"] = *rebuildMs;
-    Metrics::log(QStringLiteral("index_loaded"), std::move(fields));
+    emit indexLoaded(index, items, QStringLiteral("disk"));
+    Metrics::log(QStringLiteral("index_loaded"),
+                 {{"count", items.size()}, {"stress", stress}, {"source", "disk"}});
 }
 
 void CatalogLoader::reloadCollections() {
@@ -125,8 +165,6 @@ void CatalogLoader::reloadCollections() {
                 return emit serverCheckDone(document, QStringLiteral("failed"));
             if (localCollections == collections && localStickers == stickers)
                 return emit serverCheckDone(document, QStringLiteral("unchanged"));
-            writeFileAtomically(collectionsPath, *collections);
-            writeFileAtomically(stickersPath, *stickers);
             buildCollections(*collections, *stickers, true);
         });
 }
@@ -134,11 +172,21 @@ void CatalogLoader::reloadCollections() {
 void CatalogLoader::buildCollections(const QByteArray& collections, const QByteArray& stickers,
                                      bool fromServer) {
     const quint64 build = ++m_collectionBuilds;
+    // Server documents replace the cached copies only once both decode, so a broken answer
+    // never costs the copies that work.
+    const QString collectionsPath =
+        fromServer ? filePath(QStringLiteral("collections.json")) : QString();
+    const QString stickersPath = fromServer ? filePath(QStringLiteral("stickers.json")) : QString();
     runInBackground(
         this,
-        [collections, stickers] {
-            return CollectionsBuild{CatalogJson::decodeCollections(collections),
+        [collections, stickers, collectionsPath, stickersPath] {
+            CollectionsBuild result{CatalogJson::decodeCollections(collections),
                                     CatalogJson::decodeMemes(stickers)};
+            if (result.collections && result.stickers && !collectionsPath.isEmpty()) {
+                writeFileAtomically(collectionsPath, collections);
+                writeFileAtomically(stickersPath, stickers);
+            }
+            return result;
         },
         [this, build, fromServer](const CollectionsBuild& result) {
             const bool ok = result.collections && result.stickers;

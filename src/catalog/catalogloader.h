@@ -34,6 +34,9 @@ public:
     const std::shared_ptr<LocalIndex>& index() const { return m_index; }
     const CollectionList& adminCollections() const { return m_adminCollections; }
     const MemeList& adminStickers() const { return m_adminStickers; }
+    // Why the last server answer about the index was not used ("the server answered HTTP
+    // 503", ...); empty after a usable answer.
+    const QString& lastIndexError() const { return m_lastIndexError; }
 
 signals:
     // A catalog is ready to show; `source` is "disk" or "server".
@@ -43,15 +46,18 @@ signals:
     // The server collections changed (and once at start, before any server data).
     void collectionsChanged();
     // A server answer was dealt with. `document` is "index" or "collections"; `outcome` is
-    // "stale", "failed", "unchanged" or "updated". For logs and tests.
+    // "stale", "failed", "unchanged" or "updated". An updated index is reported once its
+    // rebuild is committed (it is published before, as soon as it is searchable); a rebuild
+    // that fails is rolled back and reported as "failed", the catalog on disk published
+    // again. For logs and tests.
     void serverCheckDone(QString document, QString outcome);
 
 private:
     void onIndexFetched(bool stress, const std::shared_ptr<LocalIndex>& index,
                         const std::optional<QString>& storedSignature,
                         std::optional<MemeList> memes, std::optional<QString> signature);
-    void publish(const std::shared_ptr<LocalIndex>& index, const MemeList& items, bool stress,
-                 const QString& source, std::optional<double> rebuildMs);
+    void publishFromDisk(const std::shared_ptr<LocalIndex>& index, const MemeList& items,
+                         bool stress);
     void buildCollections(const QByteArray& collections, const QByteArray& stickers,
                           bool fromServer);
     QString filePath(const QString& name) const;
@@ -60,6 +66,7 @@ private:
     QString m_dataDir;
     std::optional<bool> m_loadedStress;
     std::shared_ptr<LocalIndex> m_index;
+    QString m_lastIndexError;
     bool m_hasPublished = false;
     CollectionList m_adminCollections;
     MemeList m_adminStickers;

@@ -116,9 +116,9 @@ std::optional<QUrl> MemeStore::cachedFullURL(const Meme& meme) const {
     const QFileInfo info(file.toLocalFile());
     if (!info.isFile())
         return std::nullopt;
-    // A size other than the catalog's is a download cut short.
-    const qint64 size = info.size();
-    if (size >= 1 && (meme.bytes < 1 || size == meme.bytes))
+    // Downloads reach the cache only whole (checked against what the server announced, then
+    // written atomically), so any non-empty file is usable; the catalog's `bytes` may be stale.
+    if (info.size() >= 1)
         return file;
     return std::nullopt;
 }
@@ -185,12 +185,20 @@ void MemeStore::taskFinished(const DownloadPtr& d, QNetworkReply* reply) {
         const QByteArray body = reply->readAll();
         const QString fullPath = fullFileURL(d->meme).toLocalFile();
         const QString pngPath = pngFileURL(d->meme).toLocalFile();
-        const qint64 expected = d->meme.bytes;
+        // A body cut short by the network: fewer bytes than the server announced. The
+        // catalog's `bytes` is not consulted; it may be stale while the answer is whole.
+        // A compressed answer announces its compressed length, which says nothing here.
+        bool announcedKnown = false;
+        const qint64 announced =
+            reply->hasRawHeader("Content-Encoding")
+                ? -1
+                : reply->header(QNetworkRequest::ContentLengthHeader).toLongLong(&announcedKnown);
+        const qint64 expected = announcedKnown ? announced : -1;
         m_storePool.start([this, d, body, fullPath, pngPath, expected] {
             std::optional<QUrl> result;
-            if (body.isEmpty() || (expected >= 1 && body.size() != expected)) {
+            if (body.isEmpty() || (expected >= 0 && body.size() != expected)) {
                 qCInfo(lcCatalog).noquote()
-                    << QStringLiteral("image download failed: %1 (%2 bytes, expected %3)")
+                    << QStringLiteral("image download failed: %1 (%2 bytes, announced %3)")
                            .arg(d->key)
                            .arg(body.size())
                            .arg(expected);

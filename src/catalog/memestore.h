@@ -80,7 +80,7 @@ public:
     // The PNG rendering of the full image; the same file as fullFileURL for PNG sources.
     QUrl pngFileURL(const Meme& meme) const;
     // The full image's local file when it is usable now: a local item's existing file, or a
-    // cached download whose size matches `bytes` (any non-empty size when `bytes` < 1).
+    // cached download that is not empty (downloads are stored only when whole).
     // Never touches the network.
     std::optional<QUrl> cachedFullURL(const Meme& meme) const;
     // The user is waiting for this image. Calls `done` at once on a cache hit or a missing

@@ -7,6 +7,8 @@
 #include "search/ftstokenizer.h"
 #include "search/textfold.h"
 
+#include <QDateTime>
+#include <QFile>
 #include <QFileInfo>
 #include <future>
 #include <limits>
@@ -78,6 +80,31 @@ std::string_view columnText(sqlite3_stmt* stmt, int column) {
 
 std::unique_ptr<LocalIndex> LocalIndex::open(const QString& path) {
     AppPaths::ensureDir(QFileInfo(path).absolutePath()); // a failure shows in the open below
+    bool corrupt = false;
+    std::unique_ptr<LocalIndex> index = openOnce(path, &corrupt);
+    if (!corrupt)
+        return index;
+    index.reset();
+    // The file holds nothing that the server cannot give again; keep it for a post-mortem
+    // under another name and start from an empty index.
+    const QString aside =
+        path + QStringLiteral(".corrupt-") +
+        QDateTime::currentDateTimeUtc().toString(QStringLiteral("yyyyMMddThhmmsszzz"));
+    qCWarning(lcIndex).noquote() << QStringLiteral("sqlite: %1 is damaged; moved aside to %2")
+                                        .arg(QFileInfo(path).fileName(),
+                                             QFileInfo(aside).fileName());
+    if (!QFile::rename(path, aside) && !QFile::remove(path))
+        return nullptr;
+    for (const char* suffix : {"-wal", "-shm"}) {
+        const QString side = path + QLatin1String(suffix);
+        if (QFile::exists(side) && !QFile::rename(side, aside + QLatin1String(suffix)))
+            QFile::remove(side);
+    }
+    return openOnce(path, &corrupt);
+}
+
+std::unique_ptr<LocalIndex> LocalIndex::openOnce(const QString& path, bool* corrupt) {
+    *corrupt = false;
     sqlite3* db = nullptr;
     const QByteArray file = path.toUtf8();
     if (sqlite3_open_v2(file.constData(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
@@ -86,8 +113,18 @@ std::unique_ptr<LocalIndex> LocalIndex::open(const QString& path) {
         return nullptr;
     }
     std::unique_ptr<LocalIndex> index(new LocalIndex(db, path));
+    const auto damaged = [](int rc) {
+        rc &= 0xff;
+        return rc == SQLITE_CORRUPT || rc == SQLITE_NOTADB;
+    };
     for (const char* sql : setupStatements)
-        index->exec(QString::fromUtf8(sql));
+        *corrupt = damaged(index->run(QString::fromUtf8(sql))) || *corrupt;
+    // Set-up only reads the schema; these walk the tables a launch reads first.
+    for (const char* sql : {"SELECT count(*) FROM memes", "SELECT count(*) FROM meta",
+                            "SELECT count(*) FROM fts_idx"})
+        *corrupt = *corrupt || damaged(index->run(QString::fromUtf8(sql)));
+    if (*corrupt)
+        return nullptr;
     index->m_tokenizer = FtsTokenizer::create(db);
     return index;
 }
@@ -103,17 +140,22 @@ LocalIndex::~LocalIndex() {
 }
 
 bool LocalIndex::exec(const QString& sql) {
+    return run(sql) == SQLITE_OK;
+}
+
+int LocalIndex::run(const QString& sql) {
     // Whatever it wrote, the mirror is read again before it answers.
     m_mirrorChanges = -1;
     const QByteArray utf8 = sql.toUtf8();
     char* error = nullptr;
-    if (sqlite3_exec(m_db, utf8.constData(), nullptr, nullptr, &error) == SQLITE_OK)
-        return true;
+    const int rc = sqlite3_exec(m_db, utf8.constData(), nullptr, nullptr, &error);
+    if (rc == SQLITE_OK)
+        return rc;
     qCWarning(lcIndex).noquote() << QStringLiteral("sqlite: ") +
                                         QString::fromUtf8(error ? error : sqlite3_errmsg(m_db)) +
                                         QStringLiteral(" in ") + sql.left(60);
     sqlite3_free(error);
-    return false;
+    return rc;
 }
 
 std::optional<QString> LocalIndex::scalar(const QString& sql) {
@@ -155,14 +197,16 @@ void LocalIndex::rebuild(const MemeList& memes, const QString& signature) {
             for (qsizetype i = 0; i < memes.size(); ++i)
                 json[std::size_t(i)] = CatalogJson::encodeMeme(memes[i]);
         });
-        const bool complete = write(memes, signature, encoder, json);
+        const bool committed = write(memes, signature, encoder, json);
+        m_lastCommitted = committed;
         mirrorInstalled.wait();
         {
             std::lock_guard mirrorGuard(m_mirrorLock);
             m_committing = false;
-            // The mirror was built from the same text the table got; when any row went
-            // missing it is read back from the table instead, at the next search.
-            if (complete && m_mirror) {
+            // The mirror was built from the same text the table got; when the transaction was
+            // abandoned the table still holds the old catalog, which is read back at the next
+            // search.
+            if (committed && m_mirror) {
                 m_mirrorChanges = sqlite3_total_changes64(m_db);
                 m_mirrorDataVersion = dataVersion();
             } else {
@@ -205,9 +249,10 @@ void LocalIndex::rebuild(const MemeList& memes, const QString& signature) {
     install();
 }
 
-void LocalIndex::waitUntilCommitted() {
+bool LocalIndex::waitUntilCommitted() {
     // The writing thread takes the lock before rebuild() returns and keeps it to the commit.
     std::lock_guard guard(m_lock);
+    return m_lastCommitted;
 }
 
 bool LocalIndex::write(const MemeList& memes, const QString& signature, std::thread& encoder,
@@ -215,9 +260,20 @@ bool LocalIndex::write(const MemeList& memes, const QString& signature, std::thr
     // The commit would copy the whole catalog from the log into the file and sync it before
     // returning; a second connection does that afterwards instead.
     exec(QStringLiteral("PRAGMA wal_autocheckpoint=0"));
-    exec(QStringLiteral("BEGIN"));
-    exec(QStringLiteral("DELETE FROM memes"));
-    bool ftsComplete = emptyFts();
+    const bool committed = writeTransaction(memes, signature, encoder, json);
+    if (encoder.joinable())
+        encoder.join();
+    if (!committed && !sqlite3_get_autocommit(m_db))
+        exec(QStringLiteral("ROLLBACK"));
+    exec(QStringLiteral("PRAGMA wal_autocheckpoint=1000"));
+    return committed;
+}
+
+bool LocalIndex::writeTransaction(const MemeList& memes, const QString& signature,
+                                  std::thread& encoder, const std::vector<QByteArray>& json) {
+    // Any failed step abandons the whole transaction: the old catalog and its signature stay.
+    if (!exec(QStringLiteral("BEGIN")) || !exec(QStringLiteral("DELETE FROM memes")) || !emptyFts())
+        return false;
     // Pending index data is flushed to disk whenever it outgrows this, and every flush adds a
     // segment that must be merged again; a catalog's worth fits in one.
     exec(QStringLiteral("INSERT INTO fts(fts, rank) VALUES('hashsize', %1)").arg(ftsHashBytes));
@@ -225,16 +281,10 @@ bool LocalIndex::write(const MemeList& memes, const QString& signature, std::thr
     const QString ftsInsert = QStringLiteral("INSERT INTO fts VALUES(?1,?2,?3,?4,?5,?6,?7,?8)");
     {
         Statement ftsRow(m_db, ftsInsert);
-        ftsComplete = ftsComplete && ftsRow;
+        if (!ftsRow)
+            return false;
+        sqlite3_stmt* stmt = ftsRow.get();
         for (const Meme& meme : memes) {
-            if (!ftsRow)
-                break;
-            const std::int64_t popularity = meme.popularity.value_or(0);
-            if (popularity < std::numeric_limits<std::int32_t>::min() ||
-                popularity > std::numeric_limits<std::int32_t>::max())
-                qFatal("LocalIndex::rebuild: popularity %lld of %s is outside 32 bits",
-                       static_cast<long long>(popularity), qUtf8Printable(meme.id));
-            sqlite3_stmt* stmt = ftsRow.get();
             bindText(stmt, 1, meme.ocr_text);
             bindText(stmt, 2, meme.template_);
             bindText(stmt, 3, joined(meme.keywords));
@@ -242,12 +292,14 @@ bool LocalIndex::write(const MemeList& memes, const QString& signature, std::thr
             bindText(stmt, 5, joined(meme.emotions));
             bindText(stmt, 6, meme.description);
             bindText(stmt, 7, meme.id);
-            sqlite3_bind_int(stmt, 8, int(popularity));
-            if (sqlite3_step(stmt) != SQLITE_DONE) {
-                logFailure(m_db, ftsInsert);
-                ftsComplete = false;
-            }
+            // Stored as the catalog gives it: SQLite integers are 64-bit.
+            sqlite3_bind_int64(stmt, 8, meme.popularity.value_or(0));
+            const int rc = sqlite3_step(stmt);
             sqlite3_reset(stmt);
+            if (rc != SQLITE_DONE) {
+                logFailure(m_db, ftsInsert);
+                return false;
+            }
         }
     }
 
@@ -255,24 +307,29 @@ bool LocalIndex::write(const MemeList& memes, const QString& signature, std::thr
     encoder.join();
     {
         Statement memeRow(m_db, memeInsert);
-        for (qsizetype i = 0; memeRow && i < memes.size(); ++i) {
+        if (!memeRow)
+            return false;
+        for (qsizetype i = 0; i < memes.size(); ++i) {
             // Encoding cannot fail (invalid text is replaced), so every item gets its row.
             const QByteArray& bytes = json[std::size_t(i)];
             bindText(memeRow.get(), 1, memes[i].id);
             sqlite3_bind_blob(memeRow.get(), 2, bytes.constData(), int(bytes.size()),
                               SQLITE_TRANSIENT);
-            if (sqlite3_step(memeRow.get()) != SQLITE_DONE)
-                logFailure(m_db, memeInsert);
+            const int rc = sqlite3_step(memeRow.get());
             sqlite3_reset(memeRow.get());
+            if (rc != SQLITE_DONE) {
+                logFailure(m_db, memeInsert);
+                return false;
+            }
         }
     }
-    exec(QStringLiteral("INSERT OR REPLACE INTO meta(k, v) VALUES('sig', '") + signature +
-         QStringLiteral("')"));
+    // Last, so that the signature never describes a catalog that is not all there.
+    if (!exec(QStringLiteral("INSERT OR REPLACE INTO meta(k, v) VALUES('sig', '") + signature +
+              QStringLiteral("')")))
+        return false;
     if (m_beforeCommit)
         m_beforeCommit();
-    exec(QStringLiteral("COMMIT"));
-    exec(QStringLiteral("PRAGMA wal_autocheckpoint=1000"));
-    return ftsComplete;
+    return exec(QStringLiteral("COMMIT"));
 }
 
 void LocalIndex::checkpoint() {
@@ -308,7 +365,7 @@ std::unique_ptr<FtsMirror> LocalIndex::mirrorOf(const MemeList& memes,
         for (std::size_t c = 0; c < columns.size(); ++c)
             columns[c] = std::string_view(fields[c].constData(), std::size_t(fields[c].size()));
         // Rows of an emptied table take rowids in insertion order, which is all that counts.
-        if (!builder.addRow(++rowid, meme.id, std::int32_t(meme.popularity.value_or(0)), columns))
+        if (!builder.addRow(++rowid, meme.id, meme.popularity.value_or(0), columns))
             return nullptr;
     }
     return builder.finish();

@@ -32,7 +32,8 @@ class FtsTokenizer;
 class LocalIndex {
 public:
     // Opens (creating) the database at `path`, creating its folder; runs the set-up statements.
-    // nullptr when the database cannot be opened.
+    // A file that is not a database or is damaged is renamed to "<name>.corrupt-<UTC time>"
+    // and an empty index takes its place. nullptr when the database cannot be opened.
     static std::unique_ptr<LocalIndex> open(const QString& path);
     ~LocalIndex();
     LocalIndex(const LocalIndex&) = delete;
@@ -54,9 +55,11 @@ public:
     // file follows on that thread without the lock. Should an fts row fail to insert, the
     // mirror still answers until the commit and the table is read back afterwards.
     void rebuild(const MemeList& memes, const QString& signature);
-    // Returns once the transaction of the last rebuild() that returned is committed, so that
-    // other connections see it and the caller may use the connection again.
-    void waitUntilCommitted();
+    // Returns once the transaction of the last rebuild() that returned is over, so that other
+    // connections see it and the caller may use the connection again. False when it failed
+    // (logged "sqlite: ..."): it was rolled back whole, the old catalog and signature stay,
+    // and search() answers from the old catalog again.
+    bool waitUntilCommitted();
     // Every stored item in catalog order; absent when nothing decodes. Takes the lock.
     std::optional<MemeList> loadCached();
     // Ids of the best matches for `text`, best first, at most `limit`. Takes the lock, except
@@ -86,12 +89,17 @@ public:
 
 private:
     LocalIndex(sqlite3* db, QString path);
+    static std::unique_ptr<LocalIndex> openOnce(const QString& path, bool* corrupt);
+    // exec() with the engine's result code.
+    int run(const QString& sql);
     QStringList runMatchQuery(const QString& match, int limit);
     std::optional<QStringList> searchMirror(const QStringList& tokens, int limit);
     // Writes the whole transaction; `json` holds the items' rows once `encoder` is joined.
-    // False when an fts row failed.
+    // False when any step failed and the transaction was rolled back. Joins `encoder`.
     bool write(const MemeList& memes, const QString& signature, std::thread& encoder,
                const std::vector<QByteArray>& json);
+    bool writeTransaction(const MemeList& memes, const QString& signature, std::thread& encoder,
+                          const std::vector<QByteArray>& json);
     bool emptyFts();
     static std::unique_ptr<FtsMirror> mirrorOf(const MemeList& memes,
                                                const FtsTokenizer& tokenizer);
@@ -110,6 +118,8 @@ private:
     // (through exec() or by another connection) and read it again.
     std::int64_t m_mirrorChanges = -1;
     std::int64_t m_mirrorDataVersion = -1;
+    // Whether the last rebuild's transaction committed; under m_lock.
+    bool m_lastCommitted = true;
 
     // The mirror and the rebuild's progress, which searches read while the writing thread
     // holds m_lock. Taken after m_lock when both are needed. m_tokenizer is used under it too,

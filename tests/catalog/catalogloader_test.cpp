@@ -9,13 +9,18 @@
 #include <QFileInfo>
 #include <QSignalSpy>
 #include <QTest>
+#include <atomic>
+#include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <gtest/gtest.h>
 #include <mutex>
+#include <nlohmann/json.hpp>
+#include <thread>
 
 namespace {
 
-QByteArray catalog(int count, const char* prefix = "m") {
+MemeList catalogItems(int count, const char* prefix = "m") {
     MemeList memes;
     for (int i = 1; i <= count; ++i) {
         Meme m;
@@ -27,7 +32,11 @@ QByteArray catalog(int count, const char* prefix = "m") {
         m.popularity = 100 - i;
         memes.append(m);
     }
-    return CatalogJson::encodeMemes(memes);
+    return memes;
+}
+
+QByteArray catalog(int count, const char* prefix = "m") {
+    return CatalogJson::encodeMemes(catalogItems(count, prefix));
 }
 
 const QByteArray collectionsDoc =
@@ -35,7 +44,15 @@ const QByteArray collectionsDoc =
     "cover":"/c/1.webp","count":1,"owner":"o","source":"s"}])";
 const QByteArray stickersDoc = catalog(1, "s");
 
-// The catalog server as the tests need it: documents that can be swapped, a gate that holds
+// How the server answers index.json.
+struct IndexAnswer {
+    enum Mode { Whole, CutShort, Trickle, Endless, RedirectLoop, Bomb };
+    int status = 200;
+    QByteArray body;
+    Mode mode = Whole;
+};
+
+// The catalog server as the tests need it: answers that can be swapped, a gate that holds
 // index.json back, and an answer status for collections.
 class CatalogServer {
 public:
@@ -44,7 +61,7 @@ public:
         s.Get("/index.json", [this](const httplib::Request&, httplib::Response& res) {
             std::unique_lock lock(m_mutex);
             m_gateOpen.wait(lock, [this] { return !m_holdIndex; });
-            res.set_content(m_index.toStdString(), "application/json");
+            answer(m_index, res);
         });
         s.Get("/index_stress.json", [this](const httplib::Request&, httplib::Response& res) {
             std::lock_guard lock(m_mutex);
@@ -52,29 +69,32 @@ public:
         });
         s.Get("/collections.json", [this](const httplib::Request&, httplib::Response& res) {
             std::lock_guard lock(m_mutex);
-            res.status = m_collectionsStatus;
-            res.set_content(m_collections.toStdString(), "application/json");
+            answer(m_collections, res);
         });
         s.Get("/stickers.json", [this](const httplib::Request&, httplib::Response& res) {
             std::lock_guard lock(m_mutex);
             res.set_content(stickersDoc.toStdString(), "application/json");
         });
     }
-    ~CatalogServer() { release(); }
+    ~CatalogServer() {
+        m_stopping = true;
+        release();
+        m_http.stop();
+    }
     bool start() { return m_http.start(); }
     QUrl url() const { return m_http.url(); }
-    void setIndex(const QByteArray& body) {
+    void setIndex(const QByteArray& body) { setIndex(IndexAnswer{200, body}); }
+    void setIndex(IndexAnswer answer) {
         std::lock_guard lock(m_mutex);
-        m_index = body;
+        m_index = std::move(answer);
     }
     void setStressIndex(const QByteArray& body) {
         std::lock_guard lock(m_mutex);
         m_stressIndex = body;
     }
-    void setCollections(int status, const QByteArray& body) {
+    void setCollections(IndexAnswer answer) {
         std::lock_guard lock(m_mutex);
-        m_collectionsStatus = status;
-        m_collections = body;
+        m_collections = std::move(answer);
     }
     void holdIndex() {
         std::lock_guard lock(m_mutex);
@@ -89,13 +109,64 @@ public:
     }
 
 private:
+    void answer(const IndexAnswer& a, httplib::Response& res) {
+        res.status = a.status;
+        const std::string body = a.body.toStdString();
+        switch (a.mode) {
+        case IndexAnswer::Whole:
+            res.set_content(body, "application/json");
+            break;
+        case IndexAnswer::CutShort: // announces more than it sends, then hangs up
+            res.set_content_provider(body.size() * 2, "application/json",
+                                     [body](size_t, size_t, httplib::DataSink& sink) {
+                                         sink.write(body.data(), body.size());
+                                         return false;
+                                     });
+            break;
+        case IndexAnswer::Trickle: // a byte at a time, far slower than any deadline
+            res.set_chunked_content_provider(
+                "application/json",
+                [this, body, sent = size_t(0)](size_t, httplib::DataSink& sink) mutable {
+                    if (m_stopping || sent == body.size() || !sink.write(body.data() + sent, 1))
+                        return false;
+                    ++sent;
+                    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+                    return true;
+                });
+            break;
+        case IndexAnswer::Endless: // a JSON array that never closes, without a length
+            res.set_chunked_content_provider(
+                "application/octet-stream",
+                [this, chunk = std::string(16 * 1024, ' '),
+                 first = true](size_t, httplib::DataSink& sink) mutable {
+                    if (m_stopping)
+                        return false;
+                    const bool ok =
+                        first ? sink.write("[", 1) : sink.write(chunk.data(), chunk.size());
+                    first = false;
+                    return ok;
+                });
+            break;
+        case IndexAnswer::Bomb: { // a few kB that inflate to 50 MB
+            const QByteArray zlib = qCompress(QByteArray(50'000'000, '0'), 9).mid(4);
+            res.set_header("Content-Encoding", "deflate");
+            res.set_content(zlib.toStdString(), "application/octet-stream");
+            break;
+        }
+        case IndexAnswer::RedirectLoop:
+            res.status = 302;
+            res.set_header("Location", "/index.json");
+            break;
+        }
+    }
+
     std::mutex m_mutex;
     std::condition_variable m_gateOpen;
+    std::atomic<bool> m_stopping = false;
     bool m_holdIndex = false;
-    QByteArray m_index = catalog(5);
+    IndexAnswer m_index{200, catalog(5)};
     QByteArray m_stressIndex = catalog(12, "m_");
-    QByteArray m_collections = collectionsDoc;
-    int m_collectionsStatus = 200;
+    IndexAnswer m_collections{200, collectionsDoc};
     HttpTestServer m_http;
 };
 
@@ -153,6 +224,17 @@ int indexLoadedEvents(const char* source) {
     return n;
 }
 
+nlohmann::json lastEvent(const char* name) {
+    Metrics::shared().flush();
+    nlohmann::json last;
+    for (const QByteArray& line : TestEnv::readFile(Metrics::url()).split('\n')) {
+        const auto event = nlohmann::json::parse(line.toStdString(), nullptr, false);
+        if (event.is_object() && event.value("event", "") == name)
+            last = event;
+    }
+    return last;
+}
+
 class CatalogLoaderTest : public testing::Test {
 protected:
     void SetUp() override {
@@ -187,6 +269,11 @@ TEST_F(CatalogLoaderTest, FirstLaunchOfflineFailsThenServerThenDiskCarriesOn) {
         EXPECT_EQ(online.lastSource(), QStringLiteral("server"));
         EXPECT_EQ(online.lastCount(), 5);
         EXPECT_EQ(indexLoadedEvents("server"), serverEventsBefore + 1);
+        // Both phases of a rebuild: until searchable and until committed.
+        const nlohmann::json event = lastEvent("index_loaded");
+        EXPECT_TRUE(event.contains("rebuild_ms")) << event.dump();
+        EXPECT_TRUE(event.contains("commit_ms")) << event.dump();
+        EXPECT_GE(event.value("commit_ms", -1.0), event.value("rebuild_ms", 0.0));
     }
     {
         // Same document again: shown from disk, no rebuild, no second server event.
@@ -196,15 +283,6 @@ TEST_F(CatalogLoaderTest, FirstLaunchOfflineFailsThenServerThenDiskCarriesOn) {
         EXPECT_EQ(again.outcome(QStringLiteral("index")), QStringLiteral("unchanged"));
         EXPECT_EQ(again.loaded.count(), 1);
         EXPECT_EQ(indexLoadedEvents("server"), serverEventsBefore + 1);
-    }
-    for (const QUrl& base : {unreachableServer(), server.url()}) {
-        // Down, or answering garbage: the disk copy stays and nothing is said.
-        server.setIndex("[{\"id\":");
-        Launch degraded(base, dataDir);
-        degraded.loader.reloadIndex();
-        EXPECT_EQ(degraded.outcome(QStringLiteral("index")), QStringLiteral("failed"));
-        EXPECT_EQ(degraded.lastCount(), 5);
-        EXPECT_TRUE(degraded.failed.isEmpty());
     }
     // A changed catalog replaces the index.
     server.setIndex(catalog(7));
@@ -251,7 +329,7 @@ TEST_F(CatalogLoaderTest, CollectionsAreCachedByteExactAndKeptWhenTheServerFails
         EXPECT_EQ(TestEnv::readFile(cachedCollections), collectionsDoc);
         EXPECT_EQ(TestEnv::readFile(dataDir + QStringLiteral("/stickers.json")), stickersDoc);
     }
-    server.setCollections(404, "not here");
+    server.setCollections({404, "not here"});
     {
         Launch missing(server.url(), dataDir);
         missing.loader.reloadCollections();
@@ -260,11 +338,133 @@ TEST_F(CatalogLoaderTest, CollectionsAreCachedByteExactAndKeptWhenTheServerFails
             << "built from the cached copies";
         EXPECT_EQ(TestEnv::readFile(cachedCollections), collectionsDoc) << "cache untouched";
     }
-    server.setCollections(200, "[{\"id\":\"c1\"}]");
-    Launch broken(server.url(), dataDir);
-    broken.loader.reloadCollections();
-    EXPECT_EQ(broken.outcome(QStringLiteral("collections")), QStringLiteral("failed"));
-    EXPECT_TRUE(QTest::qWaitFor([&] { return broken.loader.adminCollections().size() == 1; }))
-        << "previous collections stay";
-    EXPECT_EQ(TestEnv::readFile(cachedCollections), QByteArray("[{\"id\":\"c1\"}]"));
+    // Neither a cut connection nor a complete answer that does not decode replaces the copies
+    // that work.
+    for (const IndexAnswer& answer : {IndexAnswer{200, collectionsDoc, IndexAnswer::CutShort},
+                                      IndexAnswer{200, collectionsDoc.left(40)}}) {
+        server.setCollections(answer);
+        Launch broken(server.url(), dataDir);
+        broken.loader.reloadCollections();
+        EXPECT_EQ(broken.outcome(QStringLiteral("collections")), QStringLiteral("failed"));
+        EXPECT_TRUE(QTest::qWaitFor([&] { return broken.loader.adminCollections().size() == 1; }))
+            << "previous collections stay";
+        EXPECT_EQ(TestEnv::readFile(cachedCollections), collectionsDoc);
+    }
+}
+
+// Each way a server or a network can fail is reported as what it is, and none of them costs
+// the catalog a launch without a server would show. Catalogs with duplicate ids or 64-bit
+// popularities are good catalogs and replace it.
+TEST_F(CatalogLoaderTest, BadAnswersNeverCostTheGoodCatalog) {
+    CatalogServer server;
+    ASSERT_TRUE(server.start());
+    {
+        Launch first(server.url(), dataDir);
+        first.loader.reloadIndex();
+        ASSERT_EQ(first.outcome(QStringLiteral("index")), QStringLiteral("updated"));
+    }
+    MemeList duplicated = catalogItems(6);
+    Meme again = duplicated[1];
+    again.description = QStringLiteral("the second m2");
+    duplicated.insert(4, again);
+    MemeList outsized = catalogItems(3);
+    outsized[0].popularity = 1LL << 40;
+    outsized[2].popularity = -(1LL << 40);
+    const QString indexPath = dataDir + QStringLiteral("/index.sqlite");
+    const auto poison = [&](const char* sql) {
+        auto other = LocalIndex::open(indexPath);
+        ASSERT_TRUE(other && other->exec(QString::fromLatin1(sql)));
+    };
+
+    struct Case {
+        const char* name;
+        IndexAnswer answer;
+        QString error; // ends in "(": the system's own words follow
+        int countAfter;
+        std::function<void()> before = nullptr, after = nullptr;
+        bool reachable = true;
+        qint64 cap = 64 * 1024;
+    };
+    const QString tooLarge = QStringLiteral("the server's answer is larger than 0.0625 MiB");
+    const std::vector<Case> cases = {
+        {"empty array", {200, "[]"}, QStringLiteral("the server sent an empty catalog"), 5},
+        {"404 with []", {404, "[]"}, QStringLiteral("the server answered HTTP 404"), 5},
+        {"503 with []", {503, "[]"}, QStringLiteral("the server answered HTTP 503"), 5},
+        {"server down", {}, QStringLiteral("could not reach the server ("), 5, {}, {}, false},
+        {"connection cut mid-body",
+         {200, catalog(7), IndexAnswer::CutShort},
+         QStringLiteral("the server's answer could not be read ("),
+         5},
+        {"not JSON", {200, "[{\"id\":"}, QStringLiteral("the server's catalog is not valid ("), 5},
+        {"trickles past the deadline",
+         {200, catalog(7), IndexAnswer::Trickle},
+         QStringLiteral("no answer from the server"),
+         5},
+        {"announced beyond the cap", {200, "[" + QByteArray(200 * 1024, ' ') + "]"}, tooLarge, 5},
+        {"streams beyond the cap", {200, {}, IndexAnswer::Endless}, tooLarge, 5},
+        {"inflates beyond the decompression limits",
+         {200, {}, IndexAnswer::Bomb},
+         QStringLiteral("the server's compressed answer could not be unpacked ("),
+         5,
+         nullptr,
+         nullptr,
+         true,
+         CatalogFetcher::maxDocumentBytes},
+        {"redirects forever",
+         {200, {}, IndexAnswer::RedirectLoop},
+         QStringLiteral("the server redirected too many times"),
+         5},
+        {"the new catalog cannot be saved",
+         {200, catalog(7)},
+         QStringLiteral("the new catalog could not be saved"),
+         5,
+         [&] {
+             poison("CREATE TRIGGER poison BEFORE INSERT ON memes WHEN NEW.id = 'm6' "
+                    "BEGIN SELECT RAISE(ABORT, 'poisoned'); END");
+         },
+         [&] { poison("DROP TRIGGER poison"); }},
+        {"duplicate ids", {200, CatalogJson::encodeMemes(duplicated)}, QString(), 6},
+        {"popularity beyond 32 bits", {200, CatalogJson::encodeMemes(outsized)}, QString(), 3},
+    };
+    const QUrl down = unreachableServer();
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        server.setIndex(c.answer);
+        if (c.before)
+            c.before();
+        {
+            Launch online(c.reachable ? server.url() : down, dataDir);
+            online.fetcher.setLimits(1500, c.cap);
+            online.loader.reloadIndex();
+            EXPECT_EQ(online.outcome(QStringLiteral("index")),
+                      c.error.isEmpty() ? QStringLiteral("updated") : QStringLiteral("failed"));
+            const QString error = online.loader.lastIndexError();
+            if (c.error.endsWith(u'('))
+                EXPECT_TRUE(error.startsWith(c.error) && error.endsWith(u')'))
+                    << error.toStdString();
+            else
+                EXPECT_EQ(error, c.error);
+            EXPECT_TRUE(online.failed.isEmpty()) << "a catalog was on disk: nothing to say";
+            EXPECT_EQ(online.lastCount(), c.countAfter) << "what the picker shows last";
+        }
+        if (c.after)
+            c.after();
+
+        Launch offline(down, dataDir);
+        offline.loader.reloadIndex();
+        EXPECT_EQ(offline.outcome(QStringLiteral("index")), QStringLiteral("failed"));
+        EXPECT_EQ(offline.lastSource(), QStringLiteral("disk"));
+        ASSERT_EQ(offline.lastCount(), c.countAfter);
+        EXPECT_EQ(offline.loader.index()->search(QStringLiteral("cat"), 100).size(), c.countAfter);
+        const MemeList shown = offline.loaded.last().at(1).value<MemeList>();
+        if (c.answer.body == CatalogJson::encodeMemes(duplicated)) {
+            EXPECT_EQ(shown[1].description, QStringLiteral("a cat number 2")) << "first one kept";
+        }
+        if (c.answer.body == CatalogJson::encodeMemes(outsized)) {
+            EXPECT_EQ(shown, outsized);
+            EXPECT_EQ(
+                offline.loader.index()->search(QStringLiteral("cat"), 100),
+                QStringList({QStringLiteral("m1"), QStringLiteral("m2"), QStringLiteral("m3")}));
+        }
+    }
 }

@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "searchtesthelpers.h"
 
+#include <QDir>
 #include <QFile>
+#include <QProcess>
+#include <QSet>
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <future>
 #include <mutex>
 #include <sqlite3.h>
@@ -195,43 +199,20 @@ TEST(LocalIndex, RanksByWeightedBm25ThenPopularity) {
         meme(QStringLiteral("twin-low"), QStringLiteral("dog park"), 10),
         meme(QStringLiteral("twin-none"), QStringLiteral("dog park"), std::nullopt),
         meme(QStringLiteral("twin-high"), QStringLiteral("dog park"), 20),
+        // Popularity is a 64-bit value in the catalog; beyond 32 bits it still ranks.
+        meme(QStringLiteral("twin-huge"), QStringLiteral("dog park"), 1LL << 40),
+        meme(QStringLiteral("twin-sunk"), QStringLiteral("dog park"), -(1LL << 40)),
     });
     ASSERT_TRUE(index);
     EXPECT_EQ(index->search(QStringLiteral("cat"), 60), ids({"ocr", "kw"}))
         << "ocr_text weighs 5, keywords 3, whatever the popularity";
-    EXPECT_EQ(index->search(QStringLiteral("dog"), 60),
-              ids({"twin-high", "twin-low", "twin-none"}));
-    EXPECT_EQ(index->searchPlain(QStringLiteral("dog"), 60),
-              ids({"twin-high", "twin-low", "twin-none"}));
-}
-
-TEST(LocalIndex, SearchDuringRebuildSeesOneCatalogWhole) {
-    const QString path = freshIndexPath();
-    auto index = LocalIndex::open(path);
-    ASSERT_TRUE(index);
-    MemeList before, after;
-    for (int i = 0; i < 400; ++i) {
-        before.append(meme(QStringLiteral("old%1").arg(i), QStringLiteral("shared word old")));
-        after.append(meme(QStringLiteral("new%1").arg(i), QStringLiteral("shared word new")));
-    }
-    index->rebuild(before, sig1);
-
-    std::atomic<bool> done = false;
-    std::thread writer([&] {
-        for (int round = 0; round < 6; ++round)
-            index->rebuild(round % 2 ? before : after, round % 2 ? sig1 : sig2);
-        done = true;
-    });
-    int searches = 0;
-    while (!done || searches == 0) {
-        const QStringList got = index->search(QStringLiteral("shared"), 1000);
-        ++searches;
-        ASSERT_EQ(got.size(), 400);
-        const QString prefix = got.first().left(3);
-        for (const QString& id : got)
-            ASSERT_TRUE(id.startsWith(prefix)) << "mixed old and new rows";
-    }
-    writer.join();
+    const QStringList dogs = ids({"twin-huge", "twin-high", "twin-low", "twin-none", "twin-sunk"});
+    EXPECT_EQ(index->search(QStringLiteral("dog"), 60), dogs);
+    EXPECT_EQ(index->searchPlain(QStringLiteral("dog"), 60), dogs);
+    const auto loaded = index->loadCached();
+    ASSERT_TRUE(loaded);
+    EXPECT_EQ(loaded->at(5).popularity, 1LL << 40);
+    EXPECT_EQ(loaded->at(6).popularity, -(1LL << 40));
 }
 
 namespace {
@@ -339,4 +320,195 @@ TEST(LocalIndex, SearchesWaitingForARebuildGetItsCatalog) {
             << got.join(QLatin1Char(',')).left(200).toStdString();
     }
     index->waitUntilCommitted();
+}
+
+namespace {
+
+// The state a reader of the file sees: signature, rows of both tables, answers to "shared".
+struct Snapshot {
+    std::optional<QString> signature;
+    QString memes, fts;
+    QStringList found;
+    bool operator==(const Snapshot&) const = default;
+};
+
+Snapshot snapshotOf(LocalIndex& index) {
+    Snapshot s;
+    s.signature = index.storedSignature();
+    s.found = index.search(QStringLiteral("shared"), 5000);
+    std::lock_guard guard(index.lock());
+    s.memes = index.scalar(QStringLiteral("SELECT count(*) FROM memes")).value_or(QString());
+    s.fts = index.scalar(QStringLiteral("SELECT count(*) FROM fts")).value_or(QString());
+    return s;
+}
+
+void PrintTo(const Snapshot& s, std::ostream* os) {
+    *os << "sig " << s.signature.value_or(QStringLiteral("none")).left(4).toStdString()
+        << ", memes " << s.memes.toStdString() << ", fts " << s.fts.toStdString() << ", found "
+        << s.found.size();
+}
+
+// A tmpfs of `megabytes` mounted on a fresh folder for the test's lifetime.
+class SmallDisk {
+public:
+    explicit SmallDisk(int megabytes) : m_dir(TestEnv::freshDir()) {
+        const QByteArray dir = m_dir.toUtf8();
+        const QByteArray size = "size=" + QByteArray::number(megabytes) + "m";
+        m_mounted =
+            runCommand({"mount", "-t", "tmpfs", "-o", size.constData(), "tmpfs", dir.constData()});
+    }
+    ~SmallDisk() {
+        if (m_mounted)
+            runCommand({"umount", m_dir.toUtf8().constData()});
+    }
+    bool mounted() const { return m_mounted; }
+    const QString& dir() const { return m_dir; }
+    // Writes a filler file until the disk refuses more.
+    void fill() {
+        QFile filler(m_dir + QStringLiteral("/filler"));
+        if (!filler.open(QIODevice::WriteOnly))
+            return;
+        const QByteArray block(64 * 1024, 'f');
+        while (filler.write(block) == block.size() && filler.flush()) {
+        }
+        // Whatever fitted of a smaller piece, too.
+        const QByteArray byte(512, 'f');
+        while (filler.write(byte) == byte.size() && filler.flush()) {
+        }
+    }
+    void freeSpace() { QFile::remove(m_dir + QStringLiteral("/filler")); }
+
+private:
+    static bool runCommand(std::initializer_list<const char*> argv) {
+        QStringList args;
+        for (const char* a : argv)
+            args.append(QString::fromUtf8(a));
+        const QString program = args.takeFirst();
+        QProcess p;
+        p.start(program, args);
+        return p.waitForFinished(10000) && p.exitStatus() == QProcess::NormalExit &&
+               p.exitCode() == 0;
+    }
+    QString m_dir;
+    bool m_mounted = false;
+};
+
+} // namespace
+
+// Whatever step fails, the rebuild is undone whole: the old rows, the old signature and the
+// old answers stay, in this connection and in the next launch's, and the next rebuild that
+// can succeed leaves exactly one row per item.
+TEST(LocalIndex, FailedRebuildRollsBackWholeAndTheNextOneRepairs) {
+    struct Case {
+        const char* name;
+        // Returns false to skip; `breakIt` makes the next rebuild fail, `heal` undoes that.
+        std::function<bool(QString& dir)> prepare;
+        std::function<void(LocalIndex&)> breakIt, heal;
+    };
+    std::unique_ptr<SmallDisk> disk;
+    const std::vector<Case> cases = {
+        {"a statement fails half-way through the rows",
+         [](QString& dir) { return dir = TestEnv::freshDir(), true; },
+         [](LocalIndex& index) {
+             ASSERT_TRUE(index.exec(QStringLiteral(
+                 "CREATE TRIGGER poison BEFORE INSERT ON memes WHEN NEW.id = 'new700' "
+                 "BEGIN SELECT RAISE(ABORT, 'poisoned'); END")));
+         },
+         [](LocalIndex& index) { ASSERT_TRUE(index.exec(QStringLiteral("DROP TRIGGER poison"))); }},
+        {"the disk fills up",
+         [&disk](QString& dir) {
+             disk = std::make_unique<SmallDisk>(16);
+             dir = disk->dir();
+             return disk->mounted();
+         },
+         [&disk](LocalIndex&) { disk->fill(); }, [&disk](LocalIndex&) { disk->freeSpace(); }},
+    };
+    const MemeList old = sharedCatalog(QStringLiteral("old"), 300);
+    const MemeList fresh = sharedCatalog(QStringLiteral("new"), 3000);
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        QString dir;
+        if (!c.prepare(dir)) // the last case: the ones before it have run
+            GTEST_SKIP() << c.name << ": mounting a tmpfs is not allowed here";
+        const QString path = dir + QStringLiteral("/index.sqlite");
+        {
+            auto index = LocalIndex::open(path);
+            ASSERT_TRUE(index);
+            index->rebuild(old, sig1);
+            ASSERT_TRUE(index->waitUntilCommitted());
+            const Snapshot before = snapshotOf(*index);
+            ASSERT_EQ(before.found.size(), 300);
+
+            c.breakIt(*index);
+            LogCapture log;
+            index->rebuild(fresh, sig2);
+            EXPECT_FALSE(index->waitUntilCommitted());
+            const QStringList lines = log.take();
+            EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const QString& l) {
+                return l.startsWith(QStringLiteral("sqlite: "));
+            })) << lines.join(QLatin1Char('\n')).toStdString();
+            EXPECT_EQ(snapshotOf(*index), before) << "this launch";
+            EXPECT_EQ(committedSignature(path), sig1);
+            index.reset();
+            auto relaunched = LocalIndex::open(path);
+            ASSERT_TRUE(relaunched);
+            EXPECT_EQ(snapshotOf(*relaunched), before) << "the next launch";
+            EXPECT_EQ(relaunched->loadCached(), old);
+
+            c.heal(*relaunched);
+            relaunched->rebuild(fresh, sig2);
+            EXPECT_TRUE(relaunched->waitUntilCommitted());
+            const Snapshot after = snapshotOf(*relaunched);
+            EXPECT_EQ(after.signature, sig2);
+            EXPECT_EQ(after.memes, QStringLiteral("3000"));
+            EXPECT_EQ(after.fts, QStringLiteral("3000"));
+            EXPECT_EQ(after.found.size(), 3000);
+            EXPECT_EQ(QSet<QString>(after.found.begin(), after.found.end()).size(), 3000)
+                << "no item twice";
+        }
+        disk.reset();
+    }
+}
+
+TEST(LocalIndex, DamagedFileIsMovedAsideAndRebuilt) {
+    const std::vector<std::pair<const char*, std::function<void(const QString& path)>>> damages = {
+        {"not a database",
+         [](const QString& path) { TestEnv::writeFile(path, QByteArray(20000, 'x')); }},
+        {"pages overwritten",
+         [](const QString& path) {
+             {
+                 auto index = LocalIndex::open(path);
+                 ASSERT_TRUE(index);
+                 index->rebuild(sharedCatalog(QStringLiteral("old"), 300), sig1);
+                 index->waitUntilCommitted();
+             } // closing copies everything into the file
+             QFile file(path);
+             ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+             ASSERT_GT(file.size(), 3 * 4096);
+             file.seek(4096); // page 1 (the schema) stays readable
+             file.write(QByteArray(int(file.size()) - 2 * 4096, '\xab'));
+         }},
+    };
+    for (const auto& [name, damage] : damages) {
+        SCOPED_TRACE(name);
+        const QString dir = TestEnv::freshDir();
+        const QString path = dir + QStringLiteral("/index.sqlite");
+        damage(path);
+        const QByteArray damaged = TestEnv::readFile(path);
+
+        auto index = LocalIndex::open(path);
+        ASSERT_TRUE(index);
+        const QStringList aside =
+            QDir(dir).entryList({QStringLiteral("index.sqlite.corrupt-*")}, QDir::Files);
+        ASSERT_EQ(aside.size(), 1) << QDir(dir).entryList().join(u' ').toStdString();
+        EXPECT_EQ(TestEnv::readFile(dir + QLatin1Char('/') + aside.first()), damaged);
+        EXPECT_EQ(index->loadCached(), std::nullopt);
+        EXPECT_EQ(index->storedSignature(), std::nullopt);
+
+        const MemeList fresh = sharedCatalog(QStringLiteral("new"), 20);
+        index->rebuild(fresh, sig2);
+        EXPECT_TRUE(index->waitUntilCommitted());
+        EXPECT_EQ(index->loadCached(), fresh);
+        EXPECT_EQ(index->search(QStringLiteral("shared"), 100).size(), 20);
+    }
 }
