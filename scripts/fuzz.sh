@@ -23,7 +23,7 @@ done
 run_one() {
     local name=$1
     local work=$build/corpus/$name artifacts=$build/artifacts/$name
-    local args=(-max_total_time="$seconds" -print_final_stats=1 -timeout=10 -rss_limit_mb=2048
+    local args=(-max_total_time="$seconds" -print_final_stats=1 -timeout=30 -rss_limit_mb=2048
         -artifact_prefix="$artifacts/")
     rm -rf "$artifacts"
     mkdir -p "$work" "$artifacts"
