@@ -267,7 +267,10 @@ bool CatalogServer::startDaemon() {
     // The limit is shared out among the event threads; each needs at least one.
     connections = std::max(connections, threads);
 
-    const unsigned flags = MHD_USE_EPOLL_INTERNAL_THREAD | (m_ipv6 ? MHD_USE_IPv6 : 0);
+    // poll(), level-triggered, not epoll: libmicrohttpd 0.9.75's edge-triggered epoll loses the
+    // end of stream that arrives together with a request's last bytes, so a client that
+    // half-closes after its request held its connection until the request deadline.
+    const unsigned flags = MHD_USE_POLL_INTERNAL_THREAD | (m_ipv6 ? MHD_USE_IPv6 : 0);
     m_daemon = MHD_start_daemon(
         flags, 0, nullptr, nullptr, &onAccess, this, MHD_OPTION_LISTEN_SOCKET, m_listenFd,
         MHD_OPTION_THREAD_POOL_SIZE, threads, MHD_OPTION_CONNECTION_LIMIT, connections,

@@ -8,6 +8,8 @@
 #include <filesystem>
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <memory>
+#include <vector>
 
 namespace {
 
@@ -322,6 +324,33 @@ TEST(CatalogServer, CutsOffClientsThatTrickleOrIdleButServesOthersMeanwhile) {
     EXPECT_TRUE(idle.closedWithin(std::chrono::seconds(20)));
     EXPECT_TRUE(keptIdle.closedWithin(std::chrono::seconds(20)));
     EXPECT_EQ(fetch(port, "/index.json").status, 200);
+}
+
+TEST(CatalogServer, ClosesAtOnceWhenAClientHalfClosesWithItsRequest) {
+    CatalogFolder folder;
+    ServerLimits limits;
+    // Far beyond the test's patience: only noticing the half-close can end these connections.
+    limits.requestDeadline = std::chrono::minutes(10);
+    limits.idleTimeoutSeconds = 600;
+    CatalogServer server(folder.root.toStdString(), limits);
+    const int port = server.start("127.0.0.1", 0);
+    ASSERT_GT(port, 0);
+
+    // The end of stream arriving together with the request's last bytes is what used to go
+    // unnoticed; many connections make that timing certain to occur.
+    const std::string requests[] = {rawGet("/index.json"), "GET /index.json HTTP/1.1\r\nHo", "T"};
+    std::vector<std::unique_ptr<RawConnection>> clients;
+    for (int i = 0; i < 40; ++i)
+        for (const std::string& request : requests) {
+            auto client = std::make_unique<RawConnection>(port);
+            ASSERT_TRUE(client->send(request));
+            client->finishSending();
+            clients.push_back(std::move(client));
+        }
+    int held = 0;
+    for (const auto& client : clients)
+        held += client->closedWithin(std::chrono::seconds(20)) ? 0 : 1;
+    EXPECT_EQ(held, 0);
 }
 
 TEST(CatalogServer, ConnectionsBeyondTheLimitWaitInsteadOfBeingRefused) {

@@ -56,6 +56,9 @@ public:
         return true;
     }
 
+    // Says the request is complete: no more bytes will follow (a half-close).
+    void finishSending() { ::shutdown(m_fd, SHUT_WR); }
+
     // One response (its body per Content-Length, else up to the close), or nothing when none
     // came within `timeout`.
     std::optional<Reply> read(std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
