@@ -57,8 +57,8 @@ struct HttpResponse {
 };
 
 // The catalog server: serves the files of a catalog folder (the JSON documents and the images
-// they point at) over plain HTTP, event-driven (libmicrohttpd, poll() per event thread), so idle or slow
-// clients hold a socket, never a thread. Endpoints added with addRoute() take precedence over
+// they point at) over plain HTTP, event-driven (libmicrohttpd, poll() per event thread), so idle or
+// slow clients hold a socket, never a thread. Endpoints added with addRoute() take precedence over
 // files.
 class CatalogServer {
 public:
