@@ -3,6 +3,7 @@
 
 #include "catalog/debugflags.h"
 #include "search/pickermodel.h"
+#include "ui/drawnsigns.h"
 #include "ui/resultsgridmodel.h"
 #include "ui/thumbnaildelegate.h"
 
@@ -18,7 +19,6 @@
 #include <QScrollBar>
 #include <QSizeGrip>
 #include <QTabBar>
-#include <QTextLayout>
 #include <QTimer>
 #include <QToolButton>
 #include <QVBoxLayout>
@@ -32,21 +32,6 @@ const QString heightKey = QStringLiteral("panelHeight");
 const char* tabTitles[] = {"Memes", "Collections", "Recent", "Mine"};
 
 const QString separator = QStringLiteral(" · ");
-const QChar fullwidthPlus(0xFF0B);
-
-// Whether every character of `text` has a glyph in `font` or one of its fallbacks (glyph 0 is
-// the missing-glyph box).
-bool rendersAll(const QString& text, const QFont& font) {
-    QTextLayout layout(text, font);
-    layout.beginLayout();
-    layout.createLine();
-    layout.endLayout();
-    for (const QGlyphRun& run : layout.glyphRuns())
-        for (const quint32 glyph : run.glyphIndexes())
-            if (glyph == 0)
-                return false;
-    return true;
-}
 
 // As many whole " · " parts of `text` as fit into `width`, then "…": a hint is never cut in
 // the middle of a word.
@@ -113,6 +98,9 @@ PickerPanel::PickerPanel(PickerModel& model, ThumbnailCache* thumbnails, QWidget
     m_grid->setSelectionMode(QAbstractItemView::SingleSelection);
     m_grid->setFocusPolicy(Qt::NoFocus); // the search field keeps the keyboard
     m_grid->setVerticalScrollMode(QAbstractItemView::ScrollPerPixel);
+    // A wrapping icon view keeps room for a scroll bar shown "as needed" even while none shows,
+    // which left an empty strip at the right; an always-present bar fills that room.
+    m_grid->setVerticalScrollBarPolicy(Qt::ScrollBarAlwaysOn);
     m_grid->setFrameShape(QFrame::NoFrame);
     m_grid->setItemDelegate(m_delegate);
     m_grid->setModel(m_gridModel);
@@ -242,11 +230,8 @@ void PickerPanel::syncSelection() {
 }
 
 void PickerPanel::updateColumns() {
-    // The width the view lays cells out in: with the scroll bar shown only as needed, a
-    // left-to-right icon view always keeps room for it, whether it shows or not.
-    const int width = m_grid->maximumViewportSize().width() -
-                      m_grid->style()->pixelMetric(QStyle::PM_ScrollBarExtent, nullptr,
-                                                   m_grid->verticalScrollBar());
+    // The width the view lays cells out in (the always-present scroll bar already taken off).
+    const int width = m_grid->maximumViewportSize().width();
     // It starts a new row when a cell would reach the last pixel, so the cells of a full
     // row must leave that pixel free.
     const int usable = width - 1;
@@ -270,17 +255,16 @@ int PickerPanel::layoutColumns() const {
 }
 
 void PickerPanel::refreshStatus() {
-    QString text = m_model.status();
-    if (text.contains(fullwidthPlus) && !rendersAll(QString(fullwidthPlus), m_status->font()))
-        text.replace(fullwidthPlus, QLatin1Char('+'));
-    m_status->setToolTip(text);
+    const QString text = m_model.status();
+    m_status->setToolTip(DrawnSigns::plainFallback(text, m_status->font()));
     // Key hints are cut between hints; a sentence (an empty tab's advice) wraps instead.
     if (!text.contains(separator)) {
         m_status->setWordWrap(true);
-        m_status->setText(text);
+        DrawnSigns::setText(m_status, text);
         return;
     }
     m_status->setWordWrap(false);
+    m_status->setTextFormat(Qt::PlainText);
     m_status->setText(
         elideAtSeparators(text, m_status->fontMetrics(), m_status->contentsRect().width()));
 }
