@@ -19,6 +19,7 @@
 #include "platform/platformbackend.h"
 #include "search/localindex.h"
 #include "search/pickermodel.h"
+#include "telemetry/learning.h"
 #include "telemetry/metrics.h"
 #include "ui/fileopener.h"
 #include "ui/pickerpanel.h"
@@ -91,6 +92,8 @@ void AppDelegate::start() {
     m_panel =
         std::make_unique<PanelController>(*m_picker, *m_store, m_thumbnails.get(), *m_userData);
     m_panel->panel()->setMenuBuilder([this](QMenu* menu) { buildMenu(menu); });
+    m_learning = std::make_unique<Learning>(Learning::defaultOptions());
+    m_panel->setLearning(m_learning.get());
     setUpTrayIcon();
     Metrics::log(QStringLiteral("accessibility"), {{"trusted", m_panel->paster().isTrusted()}});
 
@@ -112,6 +115,7 @@ void AppDelegate::start() {
             &AppDelegate::applyCollections);
     reloadIndex();
     reloadCollections();
+    m_learning->start();
 
     connect(DebugFlags::notifier(), &DebugFlagsNotifier::didChange, this,
             &AppDelegate::onSettingsChanged, Qt::QueuedConnection);
@@ -354,6 +358,12 @@ void AppDelegate::buildMenu(QMenu* menu) {
         if (!Autostart::setEnabled(on, QCoreApplication::applicationFilePath(), &error))
             notify(QStringLiteral("Launch at login failed: ") + error);
     });
+
+    QAction* share = menu->addAction(QStringLiteral("Share anonymous usage (query → pick)"));
+    share->setCheckable(true);
+    share->setChecked(DebugFlags::settings().boolean(QStringLiteral("shareUsage")));
+    connect(share, &QAction::triggered, this,
+            [](bool on) { DebugFlags::setValue(QStringLiteral("shareUsage"), on); });
 
     if (DebugFlags::showDebug()) {
         const QString searchURL =

@@ -13,6 +13,7 @@ class CatalogLoader;
 class GlobalHotkey;
 class HotKeyRecorder;
 class MemeStore;
+class Learning;
 class PanelController;
 class PickerModel;
 class QMenu;
@@ -76,6 +77,7 @@ private:
     std::unique_ptr<ThumbnailCache> m_thumbnails;
     std::unique_ptr<PickerModel> m_picker;
     std::unique_ptr<PanelController> m_panel;
+    std::unique_ptr<Learning> m_learning;
     std::unique_ptr<CatalogFetcher> m_fetcher;
     std::unique_ptr<CatalogLoader> m_loader;
     std::shared_ptr<ServerCollections> m_collections;

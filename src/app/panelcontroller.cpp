@@ -11,6 +11,7 @@
 #include "platform/platformbackend.h"
 #include "platform/windowactivator.h"
 #include "search/pickermodel.h"
+#include "telemetry/learning.h"
 #include "telemetry/metrics.h"
 #include "ui/pickerpanel.h"
 #include "userdata/userdata.h"
@@ -109,6 +110,14 @@ void PanelController::insert(const Meme& meme) {
         return;
     m_inserting = true;
     m_userData.recordPick(meme.id, m_model.query());
+    if (meme.id.startsWith(QLatin1String("g_"))) {
+        Metrics::log(QStringLiteral("insert_mine"), {{"method", "paste"}});
+    } else if (m_learning) {
+        QStringList shown;
+        for (const Meme& result : m_model.results())
+            shown.append(result.id);
+        m_learning->recordPick(m_model.query(), shown, meme.id, QStringLiteral("paste"));
+    }
     m_store.touch(meme);
     const bool cached = m_store.cachedFullURL(meme).has_value();
     const quint64 generation = ++m_insertGeneration;

@@ -11,6 +11,7 @@
 class ClipboardReader;
 class FocusProbe;
 class KeySynthesizer;
+class Learning;
 class MemeStore;
 class Paster;
 class PickerModel;
@@ -44,6 +45,8 @@ public:
     // Hiding the panel while the image is still on its way cancels the paste.
     void insert(const Meme& meme);
     bool isInserting() const { return m_inserting; }
+    // Where inserted catalog items are reported when the user shares usage; none by default.
+    void setLearning(Learning* learning) { m_learning = learning; }
     // Whether an insert waits for its full image.
     bool isWaitingForImage() const { return !m_waitingFor.isEmpty(); }
     Paster& paster() const { return *m_paster; }
@@ -70,6 +73,7 @@ private:
     PickerModel& m_model;
     MemeStore& m_store;
     UserData& m_userData;
+    Learning* m_learning = nullptr;
     std::unique_ptr<WindowActivator> m_activator;
     std::unique_ptr<KeySynthesizer> m_keys;
     std::unique_ptr<FocusProbe> m_focusProbe;

@@ -44,14 +44,23 @@ TEST_F(AppMenu, ReadsTopToBottomWithAndWithoutTheDebugSwitch) {
     start();
     auto menu = open();
     EXPECT_EQ(titles(menu.get()),
-              QStringList({"Hotkey", "Launch at login", "Image cache limit"}) + endItems);
+              QStringList({"Hotkey", "Launch at login", "Share anonymous usage (query → pick)",
+                           "Image cache limit"}) +
+                  endItems);
+    // Sharing is off until the user turns it on, and the choice is kept.
+    QAction* share = item(menu.get(), QStringLiteral("Share anonymous usage (query → pick)"));
+    ASSERT_NE(share, nullptr);
+    EXPECT_FALSE(share->isChecked());
+    share->trigger();
+    EXPECT_TRUE(DebugFlags::settings().boolean(QStringLiteral("shareUsage")));
 
     start({{QStringLiteral("MEME_DEBUG"), QStringLiteral("1")}});
     menu = open();
-    EXPECT_EQ(titles(menu.get()),
-              QStringList({"Hotkey", "Launch at login", "Cloud search: not configured",
-                           "Image cache limit", "Debug / A-B tests"}) +
-                  endItems);
+    EXPECT_EQ(
+        titles(menu.get()),
+        QStringList({"Hotkey", "Launch at login", "Share anonymous usage (query → pick)",
+                     "Cloud search: not configured", "Image cache limit", "Debug / A-B tests"}) +
+            endItems);
     // An information line, not something to click.
     const QAction* cloud = item(menu.get(), QStringLiteral("Cloud search: not configured"));
     ASSERT_NE(cloud, nullptr);
@@ -71,7 +80,7 @@ TEST_F(AppMenu, ReadsTopToBottomWithAndWithoutTheDebugSwitch) {
               QStringList{"B: file URL + PNG"});
 
     settings->set(QStringLiteral("searchURL"), "https://search.example.org/v1");
-    EXPECT_EQ(titles(open().get()).at(2),
+    EXPECT_EQ(titles(open().get()).at(3),
               QStringLiteral("Cloud search: https://search.example.org/v1"));
 }
 

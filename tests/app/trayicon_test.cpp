@@ -202,8 +202,9 @@ TEST_F(TrayIcon, IconSitsInTheTrayAndRightClickOpensTheCurrentMenu) {
     QMenu* menu = rightClickTrayIcon(&click);
     ASSERT_NE(menu, nullptr) << "right-clicking the icon opened no menu";
     EXPECT_EQ(titles(menu),
-              (QStringList{"Hotkey", "Launch at login", "Image cache limit", "Reset picker size",
-                           "Clear recent and most used…", "About Orvane", "Quit"}));
+              (QStringList{"Hotkey", "Launch at login", "Share anonymous usage (query → pick)",
+                           "Image cache limit", "Reset picker size", "Clear recent and most used…",
+                           "About Orvane", "Quit"}));
     EXPECT_EQ(checked(submenu(menu, QStringLiteral("Image cache limit"))), QStringList{"500 MB"});
     // It opens at the icon: a corner of the menu sits at the pointer.
     EXPECT_TRUE(menu->geometry().adjusted(-4, -4, 4, 4).contains(click))
