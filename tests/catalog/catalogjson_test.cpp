@@ -6,10 +6,10 @@
 namespace {
 
 nlohmann::json memeObject(const std::string& id = "m1") {
-    return {{"id", id},           {"template", "Drake"},   {"ocr_text", "no yes"},
-            {"description", "d"}, {"emotions", {"smug"}},  {"use_cases", {"choice"}},
-            {"keywords", {"a"}},  {"thumb", "/t/1.webp"},  {"full", "/f/1.jpg"},
-            {"width", 100},       {"height", 50},          {"bytes", 1234}};
+    return {{"id", id},           {"template", "Drake"},  {"ocr_text", "no yes"},
+            {"description", "d"}, {"emotions", {"smug"}}, {"use_cases", {"choice"}},
+            {"keywords", {"a"}},  {"thumb", "/t/1.webp"}, {"full", "/f/1.jpg"},
+            {"width", 100},       {"height", 50},         {"bytes", 1234}};
 }
 
 QByteArray arrayOf(std::initializer_list<nlohmann::json> items) {
@@ -71,7 +71,7 @@ TEST(CatalogJson, IntegersMustBeJsonIntegersThatFitInt64) {
     EXPECT_TRUE(CatalogJson::decodeMemes(negative));
 }
 
-TEST(CatalogJson, NullAndMissingOptionalsAreAbsentAndNotWritten) {
+TEST(CatalogJson, NullOptionalsAreAbsentAndNotWrittenAndEveryFieldRoundTrips) {
     auto withNull = memeObject();
     withNull["popularity"] = nullptr;
     withNull["unknown_key"] = {{"nested", true}};
@@ -82,37 +82,26 @@ TEST(CatalogJson, NullAndMissingOptionalsAreAbsentAndNotWritten) {
     EXPECT_EQ(*a, *b);
     EXPECT_FALSE(CatalogJson::encodeMeme((*a)[0]).contains("popularity"));
     EXPECT_FALSE(CatalogJson::encodeMeme((*a)[0]).contains("null"));
-}
 
-TEST(CatalogJson, EncodesInDeclarationOrderAndRoundTrips) {
     auto full = memeObject();
     full["blur"] = "LKO2?U%2Tw=w";
-    full["order"] = 7;
+    full["order"] = 0; // present with zero is not absent
     full["actions"] = {"wave"};
     full["character"] = "Cat";
     full["collection_id"] = "c1";
     full["popularity"] = 42;
     const auto decoded = CatalogJson::decodeMemes(arrayOf({full}));
     ASSERT_TRUE(decoded);
-    const auto encoded = CatalogJson::encode((*decoded)[0]);
-    std::vector<std::string> keys;
-    for (const auto& item : encoded.items())
-        keys.push_back(item.key());
-    const std::vector<std::string> expected = {
-        "id",    "template", "ocr_text", "description", "emotions",      "use_cases",
-        "keywords", "thumb", "full",     "width",       "height",        "bytes",
-        "popularity", "collection_id", "character", "actions", "order", "blur"};
-    EXPECT_EQ(keys, expected);
-    const auto again = CatalogJson::decodeMemes(CatalogJson::encodeMemes(*decoded));
-    ASSERT_TRUE(again);
-    EXPECT_EQ(*again, *decoded);
+    EXPECT_EQ(CatalogJson::decodeMemes(CatalogJson::encodeMemes(*decoded)), decoded);
+    EXPECT_EQ(CatalogJson::encode((*decoded)[0]).size(), full.size());
 }
 
 TEST(CatalogJson, CollectionsDecodeStrictlyWithOptionalTheme) {
-    const nlohmann::json c = {{"id", "c1"},      {"name", "Katzen"}, {"name_en", "Cats"},
+    const nlohmann::json c = {{"id", "c1"},       {"name", "Katzen"},    {"name_en", "Cats"},
                               {"theme", nullptr}, {"keywords", {"cat"}}, {"cover", "/c/1.webp"},
-                              {"count", 12},      {"owner", "o"},    {"source", "s"}};
-    const auto ok = CatalogJson::decodeCollections(QByteArray::fromStdString(nlohmann::json{c}.dump()));
+                              {"count", 12},      {"owner", "o"},        {"source", "s"}};
+    const auto ok =
+        CatalogJson::decodeCollections(QByteArray::fromStdString(nlohmann::json{c}.dump()));
     ASSERT_TRUE(ok);
     EXPECT_FALSE((*ok)[0].theme);
     EXPECT_EQ((*ok)[0].count, 12);
@@ -131,30 +120,11 @@ TEST(CatalogJson, CollectionsDecodeStrictlyWithOptionalTheme) {
 TEST(Meme, IsPNGLooksAtThePathExtensionOnly) {
     Meme m;
     const std::pair<const char*, bool> cases[] = {
-        {"a/B.PNG", true},         {"a/b.png.jpg", false},     {"a/b", false},
-        {"/f/x.png?v=2", true},    {"file:///home/u/x.Png", true}, {"a.png/b", false},
+        {"a/B.PNG", true},      {"a/b.png.jpg", false},         {"a/b", false},
+        {"/f/x.png?v=2", true}, {"file:///home/u/x.Png", true}, {"a.png/b", false},
         {"/f/.png", false}};
     for (const auto& [full, expected] : cases) {
         m.full = QString::fromLatin1(full);
         EXPECT_EQ(m.isPNG(), expected) << full;
     }
-}
-
-TEST(Meme, EqualityAndHashCoverEveryField) {
-    const auto decoded = CatalogJson::decodeMemes(arrayOf({memeObject()}));
-    ASSERT_TRUE(decoded);
-    Meme a = (*decoded)[0];
-    Meme b = a;
-    EXPECT_EQ(a, b);
-    EXPECT_EQ(qHash(a), qHash(b));
-    b.order = 2;
-    EXPECT_NE(a, b);
-    EXPECT_NE(qHash(a), qHash(b));
-    // Absent differs from present-with-zero.
-    b.order = 0;
-    EXPECT_NE(a, b);
-    EXPECT_NE(std::hash<Meme>()(a), std::hash<Meme>()(b));
-    b = a;
-    b.keywords.append(QStringLiteral("x"));
-    EXPECT_NE(a, b);
 }

