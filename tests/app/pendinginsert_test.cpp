@@ -3,7 +3,7 @@
 // mind, so the late download must paste nothing.
 #include "app/appdelegate.h"
 #include "app/panelcontroller.h"
-#include "catalog/faultyimageserver.h"
+#include "catalog/faultyserver.h"
 #include "catalog/memestore.h"
 #include "search/pickermodel.h"
 #include "support/catalogfixture.h"
@@ -47,12 +47,12 @@ TEST(PendingInsert, EscWhileTheImageDownloadsPastesNothing) {
     // The catalog and its images from a server that holds the full images back.
     const QString root = TestEnv::freshDir();
     CatalogFixture::writeCatalog(root, 3, 0);
-    FaultyImageServer server;
+    FaultyServer server;
     ASSERT_TRUE(server.started());
     QStringList fullImages;
     for (QDirIterator it(root, QDir::Files, QDirIterator::Subdirectories); it.hasNext();) {
         const QString path = QDir(root).relativeFilePath(it.next());
-        auto answer = FaultyImageServer::Answer::of(TestEnv::readFile(root + '/' + path));
+        FaultyServer::Answer answer(200, TestEnv::readFile(root + '/' + path));
         if (path.startsWith(QLatin1String("f/"))) {
             answer.heldBack();
             fullImages.append(path);
