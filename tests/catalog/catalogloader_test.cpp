@@ -66,7 +66,9 @@ struct Launch {
                     return true;
             return false;
         };
-        if (!QTest::qWaitFor(seen, 10000))
+        // Longer than the fetcher's own 30 s deadline: it always reports first, and the
+        // error it reports tells a slow machine from a hang.
+        if (!QTest::qWaitFor(seen, 40000))
             return QStringLiteral("timeout");
         for (const auto& args : checked)
             if (args.at(0).toString() == document)
