@@ -208,6 +208,7 @@ int main(int argc, char** argv) {
     searchOptions.catalog = (root + '/' + parser.value(catalogOption)).toStdString();
     searchOptions.checkInterval = std::chrono::milliseconds(qint64(number(checkOption, 0, 3.6e6)));
     searchOptions.maxTotalHits = limits.maxLimit;
+    searchOptions.indexDir = dataDir;
     SearchService search(searchOptions, wordNet.get(), events.get());
     SearchApi api(search, events.get(), keys, limits);
 

@@ -8,6 +8,7 @@
 #include "server/serverlog.h"
 #include "server/wordnet.h"
 
+#include <QCoreApplication>
 #include <QCryptographicHash>
 #include <QElapsedTimer>
 #include <QFile>
@@ -41,9 +42,17 @@ std::vector<QString> byScore(const std::vector<QString>& order,
 
 struct SearchService::Snapshot {
     QString stamp;
+    QString file;
     std::unique_ptr<LocalIndex> index;
     MemeList memes;
     QHash<QString, qsizetype> byID;
+
+    ~Snapshot() {
+        index.reset();
+        if (!file.isEmpty())
+            for (const char* suffix : {"", "-wal", "-shm"})
+                QFile::remove(file + QLatin1String(suffix));
+    }
 };
 
 SearchService::SearchService(Options options, WordNet* wordNet, EventStore* events)
@@ -92,9 +101,18 @@ std::shared_ptr<SearchService::Snapshot> SearchService::build(const QString& sta
             << "does not decode (" + error + "); the previous index keeps answering";
         return nullptr;
     }
-    snapshot->index = LocalIndex::open(QStringLiteral(":memory:"));
+    if (!m_options.indexDir.isEmpty()) {
+        snapshot->file = QStringLiteral("%1/search-index-%2-%3.sqlite")
+                             .arg(m_options.indexDir)
+                             .arg(QCoreApplication::applicationPid())
+                             .arg(++m_builds);
+        for (const char* suffix : {"", "-wal", "-shm"})
+            QFile::remove(snapshot->file + QLatin1String(suffix));
+    }
+    snapshot->index =
+        LocalIndex::open(snapshot->file.isEmpty() ? QStringLiteral(":memory:") : snapshot->file);
     if (!snapshot->index) {
-        qCWarning(lcServer).noquote() << "search: could not open an in-memory index";
+        qCWarning(lcServer).noquote() << "search: could not open the index";
         return nullptr;
     }
     const QString signature =
@@ -171,11 +189,15 @@ qsizetype SearchService::itemCount() {
     return current()->memes.size();
 }
 
-std::vector<QString> SearchService::keywordRanking(Snapshot& snapshot, const QString& text) {
-    const QStringList ids = snapshot.index->search(text, m_options.maxTotalHits);
-    std::vector<QString> order(ids.begin(), ids.end());
+std::vector<QString> SearchService::keywordRanking(Snapshot& snapshot, const QString& text,
+                                                   int depth) {
     const QHash<QString, qint64> picks =
         m_events ? m_events->picksFor(TextFold::key(text)) : QHash<QString, qint64>();
+    // A picked item may sit deeper than the page; without picks the page (and one more, to
+    // tell whether more follow) is all the order needed.
+    const QStringList ids =
+        snapshot.index->search(text, picks.isEmpty() ? depth + 1 : m_options.maxTotalHits);
+    std::vector<QString> order(ids.begin(), ids.end());
     if (picks.isEmpty())
         return order;
     // The app's own fusion: only items that match the words move, and at most by
@@ -188,7 +210,8 @@ std::vector<QString> SearchService::keywordRanking(Snapshot& snapshot, const QSt
     return byScore(order, score);
 }
 
-std::vector<QString> SearchService::relatedRanking(Snapshot& snapshot, const QString& text) {
+std::vector<QString> SearchService::relatedRanking(Snapshot& snapshot, const QString& text,
+                                                   int depth) {
     // Each variant of the query with one word replaced by a relative, fused by reciprocal
     // rank; the query itself counts as its own closest variant. Close relatives (similar-to,
     // see-also) weigh half a synonym.
@@ -212,7 +235,7 @@ std::vector<QString> SearchService::relatedRanking(Snapshot& snapshot, const QSt
     }
     std::vector<QString> order;
     std::unordered_map<QString, double> score;
-    const int perVariant = std::min(m_options.maxTotalHits, 200);
+    const int perVariant = depth + 1;
     for (const Variant& variant : variants) {
         const QStringList ids = snapshot.index->search(variant.text, perVariant);
         for (qsizetype r = 0; r < ids.size(); ++r) {
@@ -239,12 +262,13 @@ SearchService::Result SearchService::page(const Snapshot& snapshot,
 
 SearchService::Result SearchService::search(const Query& query) {
     const std::shared_ptr<Snapshot> snapshot = current();
-    std::vector<QString> keyword = keywordRanking(*snapshot, query.text);
+    const int depth = query.offset + query.limit;
+    std::vector<QString> keyword = keywordRanking(*snapshot, query.text, depth);
     if (!query.semanticRatio)
         return page(*snapshot, keyword, query);
 
     const double ratio = std::clamp(*query.semanticRatio, 0.0, 1.0);
-    const std::vector<QString> related = relatedRanking(*snapshot, query.text);
+    const std::vector<QString> related = relatedRanking(*snapshot, query.text, depth);
     std::vector<QString> order = keyword;
     std::unordered_map<QString, double> score;
     for (std::size_t r = 0; r < keyword.size(); ++r)
@@ -270,6 +294,7 @@ SearchService::Result SearchService::search(const Query& query) {
 
 SearchService::Result SearchService::searchPlain(const Query& query) {
     const std::shared_ptr<Snapshot> snapshot = current();
-    const QStringList ids = snapshot->index->searchPlain(query.text, m_options.maxTotalHits);
+    // As a plain client would ask: no deeper than the page.
+    const QStringList ids = snapshot->index->searchPlain(query.text, query.offset + query.limit);
     return page(*snapshot, std::vector<QString>(ids.begin(), ids.end()), query);
 }

@@ -30,6 +30,10 @@ class SearchService {
 public:
     struct Options {
         std::filesystem::path catalog;
+        // Where the index's SQLite file lives (one per catalog version, removed when it is
+        // replaced); empty keeps it in memory. The ranking is answered from memory either way;
+        // the file only keeps the SQL side out of the resident set.
+        QString indexDir;
         std::chrono::milliseconds checkInterval{1000};
         // How many bm25 matches a query ranks (and counts for its total); deeper pages of
         // one query are not served.
@@ -47,6 +51,8 @@ public:
     };
     struct Result {
         MemeList hits;
+        // All matches when fewer than maxTotalHits; otherwise (no boosts to rank deeper) the
+        // page's end plus one when more follow.
         qsizetype totalHits = 0;
         // Hits on the page that only related words found.
         int semanticHits = 0;
@@ -60,8 +66,8 @@ public:
     SearchService& operator=(const SearchService&) = delete;
 
     Result search(const Query& query);
-    // The plain FTS5 query (bm25, popularity tie-break) with nothing fused in: the reference
-    // the measurements compare with.
+    // The plain FTS5 query (bm25, popularity tie-break) for just the page, with nothing fused
+    // in: the reference the measurements compare with.
     Result searchPlain(const Query& query);
 
     qsizetype itemCount();
@@ -76,8 +82,8 @@ private:
     // Reads, decodes and indexes the catalog; null (logged) when it cannot.
     std::shared_ptr<Snapshot> build(const QString& stamp);
     QString stampOf() const;
-    std::vector<QString> keywordRanking(Snapshot& snapshot, const QString& text);
-    std::vector<QString> relatedRanking(Snapshot& snapshot, const QString& text);
+    std::vector<QString> keywordRanking(Snapshot& snapshot, const QString& text, int depth);
+    std::vector<QString> relatedRanking(Snapshot& snapshot, const QString& text, int depth);
     static Result page(const Snapshot& snapshot, const std::vector<QString>& ranked,
                        const Query& query);
 
@@ -91,4 +97,5 @@ private:
     std::mutex m_rebuildLock; // one rebuild at a time
     std::atomic<bool> m_rebuilding{false};
     std::thread m_rebuilder;
+    std::atomic<int> m_builds{0};
 };
