@@ -25,6 +25,8 @@ std::int64_t nowNs() {
         .count();
 }
 
+constexpr qsizetype minRelatedWordLength = 3;
+
 double reciprocalRank(std::size_t rank) {
     return 1.0 / (double(rank) + FusedRanking::rankOffset);
 }
@@ -222,6 +224,10 @@ std::vector<QString> SearchService::relatedRanking(Snapshot& snapshot, const QSt
     };
     std::vector<Variant> variants{{words.join(QLatin1Char(' ')), 1.0}};
     for (qsizetype i = 0; i < words.size() && m_wordNet; ++i) {
+        // One or two letters are a word still being typed, and their relatives ("e" →
+        // "einsteinium") would each match most of the catalog.
+        if (words[i].size() < minRelatedWordLength)
+            continue;
         const WordNet::Related related = m_wordNet->related(words[i], m_options.relatedPerWord);
         const auto add = [&](const QStringList& relatives, double weight) {
             for (const QString& relative : relatives) {
