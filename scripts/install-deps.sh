@@ -8,6 +8,9 @@ packages=(
     qt6-base-dev qt6-image-formats-plugins qt6-svg-dev
     libsqlite3-dev nlohmann-json3-dev libcpp-httplib-dev libssl-dev
     libmicrohttpd-dev zlib1g-dev
+    # orvane-server's hybrid search reads WordNet's database; scripts/measure-search.sh loads
+    # the server with wrk.
+    wordnet-base wrk
     libgtest-dev libgmock-dev libbenchmark-dev
     libxcb1-dev libxcb-xtest0-dev libxcb-keysyms1-dev libxcb-xfixes0-dev libxcb-xkb-dev
     xvfb openbox xdotool xclip dbus-x11 x11-utils fonts-dejavu-core

@@ -2,6 +2,7 @@
 #include "server/catalogserver.h"
 
 #include "server/httpparsing.h"
+#include "server/serverlog.h"
 
 #include <algorithm>
 #include <atomic>
@@ -163,6 +164,20 @@ int queueText(MHD_Connection* connection, unsigned status, const std::string& te
     return queue(connection, status, response);
 }
 
+std::string peerOf(MHD_Connection* connection) {
+    const MHD_ConnectionInfo* info =
+        MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+    char host[NI_MAXHOST] = {};
+    if (!info || !info->client_addr)
+        return {};
+    const socklen_t length =
+        info->client_addr->sa_family == AF_INET6 ? sizeof(sockaddr_in6) : sizeof(sockaddr_in);
+    if (::getnameinfo(info->client_addr, length, host, sizeof host, nullptr, 0, NI_NUMERICHOST) !=
+        0)
+        return {};
+    return host;
+}
+
 } // namespace
 
 std::string HttpRequest::header(std::string_view name) const {
@@ -170,6 +185,13 @@ std::string HttpRequest::header(std::string_view name) const {
         if (equalsNoCase(key, name))
             return value;
     return {};
+}
+
+std::optional<std::string> HttpRequest::argument(std::string_view name) const {
+    for (const auto& [key, value] : arguments)
+        if (key == name)
+            return value;
+    return std::nullopt;
 }
 
 CatalogServer::CatalogServer(const std::filesystem::path& root, ServerLimits limits)
@@ -184,8 +206,23 @@ CatalogServer::~CatalogServer() {
 }
 
 void CatalogServer::addRoute(std::string method, std::string path, Handler handler,
-                             std::size_t maxBodyBytes) {
-    m_routes.push_back({std::move(method), std::move(path), std::move(handler), maxBodyBytes});
+                             std::size_t maxBodyBytes, HttpResponse tooLarge) {
+    m_routes.push_back({std::move(method), std::move(path), std::move(handler), maxBodyBytes,
+                        std::move(tooLarge)});
+}
+
+int CatalogServer::refuseBody(MHD_Connection* connection, const Route& route) {
+    qCWarning(lcServer).noquote() << QString::fromStdString(
+        route.method + ' ' + route.path + " from " + peerOf(connection) + ": body over " +
+        std::to_string(route.maxBodyBytes) + " bytes, refused (413)");
+    if (route.tooLarge.body.empty())
+        return queueText(connection, MHD_HTTP_CONTENT_TOO_LARGE, "request body too large\n", true);
+    MHD_Response* response = bufferResponse(route.tooLarge.body);
+    if (response) {
+        MHD_add_response_header(response, "Content-Type", route.tooLarge.contentType.c_str());
+        MHD_add_response_header(response, "Connection", "close");
+    }
+    return queue(connection, MHD_HTTP_CONTENT_TOO_LARGE, response);
 }
 
 int CatalogServer::bind(const std::string& host, int port) {
@@ -402,8 +439,7 @@ int CatalogServer::onRequest(MHD_Connection* connection, const char* method, con
         if (!length.empty()) {
             const auto announced = std::strtoull(std::string(length).c_str(), nullptr, 10);
             if (announced > exchange.route->maxBodyBytes)
-                return queueText(connection, MHD_HTTP_CONTENT_TOO_LARGE, "request body too large\n",
-                                 true);
+                return refuseBody(connection, *exchange.route);
         }
         return MHD_YES;
     }
@@ -421,7 +457,7 @@ int CatalogServer::onRequest(MHD_Connection* connection, const char* method, con
         return MHD_YES;
     }
     if (exchange.bodyTooLarge)
-        return queueText(connection, MHD_HTTP_CONTENT_TOO_LARGE, "request body too large\n", true);
+        return refuseBody(connection, *exchange.route);
     return answer(connection, exchange);
 }
 
@@ -434,6 +470,15 @@ int CatalogServer::answer(MHD_Connection* connection, Exchange& exchange) {
                 return MHD_YES;
             },
             &exchange.request);
+    if (exchange.request.arguments.empty())
+        MHD_get_connection_values(
+            connection, MHD_GET_ARGUMENT_KIND,
+            [](void* cls, MHD_ValueKind, const char* key, const char* value) {
+                static_cast<HttpRequest*>(cls)->arguments.emplace_back(key, value ? value : "");
+                return MHD_YES;
+            },
+            &exchange.request);
+    exchange.request.peer = peerOf(connection);
     const HttpResponse reply = exchange.route->handler(exchange.request);
     MHD_Response* response = bufferResponse(reply.body);
     if (!response)

@@ -11,6 +11,7 @@
 #include <functional>
 #include <list>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -44,9 +45,15 @@ struct HttpRequest {
     std::string path;   // decoded, without the query
     std::string target; // as sent
     std::vector<std::pair<std::string, std::string>> headers;
+    // The query's parameters, decoded, in order.
+    std::vector<std::pair<std::string, std::string>> arguments;
     std::string body;
+    // The client's address as text ("127.0.0.1", "::1"); empty when unknown.
+    std::string peer;
     // The first header of that name (case-insensitive), or empty.
     std::string header(std::string_view name) const;
+    // The first query parameter of that name, absent when not given.
+    std::optional<std::string> argument(std::string_view name) const;
 };
 
 struct HttpResponse {
@@ -72,9 +79,10 @@ public:
     CatalogServer& operator=(const CatalogServer&) = delete;
 
     // An endpoint for `method` on exactly `path`; only before serving starts. A request body
-    // larger than `maxBodyBytes` is refused with 413.
+    // larger than `maxBodyBytes` is refused with 413 and `tooLarge`'s body and type when it has
+    // one (the endpoint's own error shape), and a log line.
     void addRoute(std::string method, std::string path, Handler handler,
-                  std::size_t maxBodyBytes = 0);
+                  std::size_t maxBodyBytes = 0, HttpResponse tooLarge = {});
     const CatalogFiles& files() const { return m_files; }
 
     // Binds host:port and listens (connections queue from here on); port 0 picks a free one.
@@ -98,6 +106,7 @@ public:
         std::string path;
         Handler handler;
         std::size_t maxBodyBytes = 0;
+        HttpResponse tooLarge;
     };
     int onRequest(MHD_Connection* connection, const char* method, const char* uploadData,
                   std::size_t* uploadSize, void** exchange);
@@ -110,6 +119,7 @@ private:
     void watch();
     int answer(MHD_Connection* connection, Exchange& exchange);
     int serveFile(MHD_Connection* connection, const Exchange& exchange);
+    int refuseBody(MHD_Connection* connection, const Route& route);
 
     CatalogFiles m_files;
     ServerLimits m_limits;

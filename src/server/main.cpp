@@ -1,16 +1,23 @@
 // SPDX-License-Identifier: MIT
 // orvane-server: hosts a catalog folder (index.json, index_stress.json, collections.json,
-// stickers.json and the images they name) for Orvane over plain HTTP.
+// stickers.json and the images they name) for Orvane over plain HTTP, and answers searches
+// over that catalog and usage events.
 #include "server/catalogserver.h"
 #include "server/catalogsummary.h"
+#include "server/eventstore.h"
+#include "server/searchapi.h"
+#include "server/searchservice.h"
+#include "server/wordnet.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QFileInfo>
+#include <QStandardPaths>
 #include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstdio>
+#include <memory>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <thread>
@@ -70,6 +77,76 @@ int main(int argc, char** argv) {
         QStringLiteral("Port to listen on (default %1; 0 picks a free one).").arg(defaultPort),
         QStringLiteral("PORT"), QString::number(defaultPort));
     parser.addOptions({rootOption, hostOption, portOption});
+
+    const SearchApiLimits defaults;
+    const auto option = [](const char* name, const QString& help, const char* value,
+                           const QString& fallback = {}) {
+        return QCommandLineOption(QLatin1String(name), help, QLatin1String(value), fallback);
+    };
+    const QCommandLineOption dataOption =
+        option("data",
+               QStringLiteral("Folder for the usage events database (default %1).")
+                   .arg(QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) +
+                        QStringLiteral("/orvane-server")),
+               "DIR");
+    const QCommandLineOption searchKeyOption = option(
+        "search-key",
+        QStringLiteral("Bearer key of /indexes/memes/search (else $MEME_SEARCH_KEY; none: open)."),
+        "KEY");
+    const QCommandLineOption appKeyOption = option(
+        "app-key", QStringLiteral("x-app-key that /v1/search and /v1/events require (none: any)."),
+        "KEY");
+    const QCommandLineOption catalogOption =
+        option("search-catalog",
+               QStringLiteral("Catalog document in DIR that searches answer from (default "
+                              "index.json)."),
+               "NAME", QStringLiteral("index.json"));
+    const QCommandLineOption wordnetOption =
+        option("wordnet",
+               QStringLiteral("WordNet database folder for hybrid search (default "
+                              "/usr/share/wordnet, Debian's wordnet-base)."),
+               "DIR", QStringLiteral("/usr/share/wordnet"));
+    const QCommandLineOption maxLimitOption =
+        option("max-limit",
+               QStringLiteral("Most hits per search, and the deepest hit reached (default %1).")
+                   .arg(defaults.maxLimit),
+               "N", QString::number(defaults.maxLimit));
+    const QCommandLineOption searchRateOption = option(
+        "search-rate",
+        QStringLiteral("Searches per second per client address, bursts of twice that; 0 = no "
+                       "limit (default %1).")
+            .arg(defaults.searchPerSecond),
+        "N", QString::number(defaults.searchPerSecond));
+    const QCommandLineOption eventsRateOption = option(
+        "events-rate",
+        QStringLiteral("Event uploads per second per client address; 0 = no limit (default %1).")
+            .arg(defaults.eventsPerSecond),
+        "N", QString::number(defaults.eventsPerSecond));
+    const QCommandLineOption searchBodyOption =
+        option("max-search-body",
+               QStringLiteral("Largest search request body in bytes (default %1).")
+                   .arg(defaults.maxSearchBodyBytes),
+               "BYTES", QString::number(defaults.maxSearchBodyBytes));
+    const QCommandLineOption eventsBodyOption =
+        option("max-events-body",
+               QStringLiteral("Largest events upload in bytes (default %1).")
+                   .arg(defaults.maxEventsBodyBytes),
+               "BYTES", QString::number(defaults.maxEventsBodyBytes));
+    const QCommandLineOption eventsBatchOption = option(
+        "max-events-batch",
+        QStringLiteral("Most events in one upload (default %1).").arg(defaults.maxEventsPerBatch),
+        "N", QString::number(defaults.maxEventsPerBatch));
+    const QCommandLineOption checkOption = option(
+        "catalog-check-ms",
+        QStringLiteral("How often a search looks whether the catalog changed (default 1000)."),
+        "MS", QStringLiteral("1000"));
+    const QCommandLineOption benchOption(
+        QStringLiteral("bench-reference"),
+        QStringLiteral("Also serve POST /bench/fts5-search: the plain FTS5 query, for "
+                       "measurements."));
+    parser.addOptions({dataOption, searchKeyOption, appKeyOption, catalogOption, wordnetOption,
+                       maxLimitOption, searchRateOption, eventsRateOption, searchBodyOption,
+                       eventsBodyOption, eventsBatchOption, checkOption, benchOption});
     parser.process(app);
 
     if (!parser.positionalArguments().isEmpty())
@@ -87,7 +164,58 @@ int main(int argc, char** argv) {
                  .arg(parser.value(portOption)));
     const QString host = parser.value(hostOption);
 
+    const auto number = [&](const QCommandLineOption& o, double low, double high) {
+        bool ok = false;
+        const double value = parser.value(o).toDouble(&ok);
+        if (!ok || value < low || value > high)
+            fail(QStringLiteral("--%1 %2: not a number from %3 to %4")
+                     .arg(o.names().constFirst(), parser.value(o))
+                     .arg(low)
+                     .arg(high));
+        return value;
+    };
+    SearchApiLimits limits;
+    limits.maxLimit = int(number(maxLimitOption, 1, 100000));
+    limits.searchPerSecond = number(searchRateOption, 0, 1e6);
+    limits.eventsPerSecond = number(eventsRateOption, 0, 1e6);
+    limits.maxSearchBodyBytes = std::size_t(number(searchBodyOption, 64, 1 << 30));
+    limits.maxEventsBodyBytes = std::size_t(number(eventsBodyOption, 64, 1 << 30));
+    limits.maxEventsPerBatch = std::size_t(number(eventsBatchOption, 1, 1e7));
+
+    SearchApi::Keys keys;
+    keys.searchKey = parser.isSet(searchKeyOption)
+                         ? parser.value(searchKeyOption).toStdString()
+                         : qEnvironmentVariable("MEME_SEARCH_KEY").toStdString();
+    keys.appKey = parser.value(appKeyOption).toStdString();
+
+    const QString dataDir =
+        parser.isSet(dataOption)
+            ? parser.value(dataOption)
+            : QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation) +
+                  QStringLiteral("/orvane-server");
+    const std::unique_ptr<EventStore> events = EventStore::open(dataDir);
+    if (!events)
+        fail(QStringLiteral("--data %1: cannot keep the events database there").arg(dataDir), 1);
+    // Without WordNet a hybrid search is a keyword search; say so once.
+    const std::unique_ptr<WordNet> wordNet = WordNet::open(parser.value(wordnetOption));
+    if (!wordNet)
+        std::fprintf(stderr,
+                     "orvane-server: no WordNet database in %s (Debian: wordnet-base); hybrid "
+                     "searches match keywords only\n",
+                     qPrintable(parser.value(wordnetOption)));
+
+    SearchService::Options searchOptions;
+    searchOptions.catalog = (root + '/' + parser.value(catalogOption)).toStdString();
+    searchOptions.checkInterval = std::chrono::milliseconds(qint64(number(checkOption, 0, 3.6e6)));
+    searchOptions.maxTotalHits = limits.maxLimit;
+    searchOptions.indexDir = dataDir;
+    SearchService search(searchOptions, wordNet.get(), events.get());
+    SearchApi api(search, events.get(), keys, limits);
+
     CatalogServer server(root.toStdString());
+    api.install(server);
+    if (parser.isSet(benchOption))
+        api.installBenchReference(server);
     const int bound = server.bind(host.toStdString(), port);
     if (bound < 0)
         fail(QStringLiteral("could not listen on %1:%2 (address in use or not available here)")
@@ -96,9 +224,11 @@ int main(int argc, char** argv) {
              1);
 
     const CatalogSummary summary = CatalogSummary::read(server.files().root());
-    std::printf("orvane-server: serving %s at %s (%s)\n",
+    std::printf("orvane-server: serving %s at %s (%s); searching %lld items of %s\n",
                 qPrintable(QString::fromStdString(server.files().root().string())),
-                qPrintable(urlFor(host, bound)), qPrintable(summary.describe()));
+                qPrintable(urlFor(host, bound)), qPrintable(summary.describe()),
+                static_cast<long long>(search.itemCount()),
+                qPrintable(parser.value(catalogOption)));
     std::fflush(stdout);
 
     std::atomic<bool> finished{false};

@@ -4,6 +4,7 @@
 #include "support/testenv.h"
 
 #include <QDeadlineTimer>
+#include <QFile>
 #include <QProcess>
 #include <QRegularExpression>
 #include <atomic>
@@ -259,4 +260,45 @@ TEST(OrvaneServer, RefusesBadArgumentsWithAClearMessage) {
     EXPECT_EQ(r.exitCode, 1);
     EXPECT_TRUE(r.err.contains(QStringLiteral("could not listen on 127.0.0.1:%1").arg(port)))
         << r.err.toStdString();
+}
+
+TEST(OrvaneServer, SearchesWithItsKeyAndKeepsEventsInItsDataFolder) {
+    ServedCatalog catalog;
+    Meme cat = sampleMeme(1);
+    cat.description = QStringLiteral("a sleepy cat");
+    TestEnv::writeFile(catalog.root + "/index.json", CatalogJson::encodeMemes({cat}));
+    const QString data = TestEnv::freshDir();
+    ServerProcess server({QStringLiteral("--root"), catalog.root, QStringLiteral("--port"),
+                          QStringLiteral("0"), QStringLiteral("--data"), data,
+                          QStringLiteral("--search-key"), QStringLiteral("k1")});
+    const int port = portIn(server.startupLine());
+    ASSERT_GT(port, 0);
+    httplib::Client client("127.0.0.1", port);
+    const std::string body = R"({"q":"sleepy","limit":60})";
+    const auto noKey = client.Post("/indexes/memes/search", body, "application/json");
+    ASSERT_TRUE(noKey);
+    EXPECT_EQ(noKey->status, 401);
+    const auto wrongKey = client.Post("/indexes/memes/search", {{"Authorization", "Bearer k2"}},
+                                      body, "application/json");
+    ASSERT_TRUE(wrongKey);
+    EXPECT_EQ(wrongKey->status, 403);
+    const auto found = client.Post("/indexes/memes/search", {{"Authorization", "Bearer k1"}}, body,
+                                   "application/json");
+    ASSERT_TRUE(found);
+    EXPECT_EQ(found->status, 200);
+    EXPECT_NE(found->body.find(R"("id":"s1")"), std::string::npos) << found->body;
+
+    const auto events = client.Post("/v1/events", {{"x-install-id", "i1"}}, R"([
+        {"query":"s1","results_shown":["s1"],"picked_id":"s1","position":0,"method":"paste",
+         "timestamp":"2024-05-01T10:00:00Z"}])",
+                                    "application/json");
+    ASSERT_TRUE(events);
+    EXPECT_EQ(events->status, 200);
+    EXPECT_TRUE(QFile::exists(data + "/events.sqlite"));
+    // Garbage never brings it down.
+    const auto garbage = client.Post("/v1/events", {{"x-install-id", "i1"}},
+                                     std::string("\xff\xfe[[[", 5), "application/json");
+    ASSERT_TRUE(garbage);
+    EXPECT_EQ(garbage->status, 400);
+    EXPECT_EQ(server.process().state(), QProcess::Running);
 }
