@@ -125,7 +125,10 @@ void Learning::flush() {
         QFile file(inflight);
         const QByteArray bytes = file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
         file.close();
-        const auto [body, events] = batchOf(bytes);
+        // Not a structured binding: clang cannot capture those.
+        const std::pair<QByteArray, int> batch = batchOf(bytes);
+        const QByteArray body = batch.first;
+        const int events = batch.second;
         if (events == 0) {
             QFile::remove(inflight);
             QMetaObject::invokeMethod(this, [this] { m_uploading = false; });
