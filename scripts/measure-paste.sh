@@ -5,5 +5,4 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/build.sh dev >/dev/null
-build/dev/tests/insert/desktop_insert_tests --gtest_also_run_disabled_tests \
-    --gtest_filter='*MeasuresPasteLatency*' 2>/dev/null | grep '^paste latency'
+build/dev/bench/orvane-paste-latency 2>/dev/null | grep '^paste latency'

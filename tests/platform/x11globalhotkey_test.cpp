@@ -4,7 +4,6 @@
 #include "platform/x11/x11globalhotkey.h"
 #include "support/desktop.h"
 #include "support/rivalgrab.h"
-#include "support/xvfbsession.h"
 
 #include <QDeadlineTimer>
 #include <QSignalSpy>
@@ -15,12 +14,9 @@
 
 namespace {
 
-bool press(const char* keys) {
-    return XvfbSession::run(QStringLiteral("xdotool"),
-                            {QStringLiteral("key"), QLatin1String(keys)});
-}
+using Desktop::key;
 
-const HotKeyCombo ctrlM = HotKeyCombo::defaultCombo();
+const HotKeyCombo ctrlM{0x2E, HotKeyCombo::controlMask, QStringLiteral("Ctrl+M")};
 const HotKeyCombo ctrlAltK{0x28, HotKeyCombo::controlMask | HotKeyCombo::altMask,
                            QStringLiteral("Ctrl+Alt+K")};
 
@@ -62,7 +58,7 @@ struct UsLayoutAfterwards {
 bool pressUntilDelivered(const char* keys, QSignalSpy& pressed) {
     const QDeadlineTimer deadline(5000);
     while (!deadline.hasExpired()) {
-        if (!press(keys))
+        if (!key(keys))
             return false;
         if (pressed.wait(250))
             return true;
@@ -80,36 +76,31 @@ TEST(X11GlobalHotkey, PressIsDeliveredWhateverTheLockKeys) {
     ASSERT_TRUE(hotkey->registerCombo(ctrlM));
     QSignalSpy pressed(hotkey.get(), &GlobalHotkey::pressed);
 
-    ASSERT_TRUE(press("ctrl+m"));
+    ASSERT_TRUE(key("ctrl+m"));
     ASSERT_TRUE(pressed.wait(5000));
     EXPECT_GT(pressed.first().first().toUInt(), 0u) << "the event time is kept";
 
     for (const char* lock : {"Num_Lock", "Caps_Lock"}) {
         pressed.clear();
-        ASSERT_TRUE(press(lock));
-        ASSERT_TRUE(press("ctrl+m"));
+        ASSERT_TRUE(key(lock));
+        ASSERT_TRUE(key("ctrl+m"));
         EXPECT_TRUE(pressed.wait(5000)) << lock;
-        ASSERT_TRUE(press(lock)); // back off
+        ASSERT_TRUE(key(lock)); // back off
     }
 }
 
-TEST(X11GlobalHotkey, ReRegisteringReleasesTheOldShortcut) {
+// Letting go of the old shortcut on a change is checked where the app records a new one.
+TEST(X11GlobalHotkey, ShiftIsPartOfTheShortcut) {
     GLIMMET_REQUIRE_DESKTOP();
     X11GlobalHotkey hotkey;
-    ASSERT_TRUE(hotkey.registerCombo(ctrlM));
     ASSERT_TRUE(hotkey.registerCombo(ctrlAltK));
     QSignalSpy pressed(&hotkey, &GlobalHotkey::pressed);
-    // X delivers in order: once the new shortcut's press is here, the old one's would be too.
-    ASSERT_TRUE(press("ctrl+m"));
-    ASSERT_TRUE(press("ctrl+alt+k"));
+    // X delivers in order: once the second press is here, the first one's would be too.
+    ASSERT_TRUE(key("ctrl+alt+shift+k"));
+    ASSERT_TRUE(key("ctrl+alt+k"));
     ASSERT_TRUE(pressed.wait(5000));
     QTest::qWait(0);
     EXPECT_EQ(pressed.count(), 1);
-    // Shift is part of the shortcut: Ctrl+Alt+Shift+K is another one.
-    ASSERT_TRUE(press("ctrl+alt+shift+k"));
-    ASSERT_TRUE(press("ctrl+alt+k"));
-    EXPECT_TRUE(QTest::qWaitFor([&] { return pressed.count() >= 2; }, 5000));
-    EXPECT_EQ(pressed.count(), 2);
 }
 
 TEST(X11GlobalHotkey, ShortcutHeldByAnotherProgramIsRefusedAndTheOldOneStays) {
@@ -122,7 +113,7 @@ TEST(X11GlobalHotkey, ShortcutHeldByAnotherProgramIsRefusedAndTheOldOneStays) {
     EXPECT_FALSE(hotkey.registerCombo(
         {0x26, HotKeyCombo::controlMask | HotKeyCombo::altMask, QStringLiteral("Ctrl+Alt+J")}));
     EXPECT_EQ(hotkey.registered(), ctrlM);
-    ASSERT_TRUE(press("ctrl+m"));
+    ASSERT_TRUE(key("ctrl+m"));
     EXPECT_TRUE(pressed.wait(5000)) << "the shortcut that worked was let go";
     // Nothing half-grabbed is left behind: the same key with other modifiers still works.
     EXPECT_TRUE(hotkey.registerCombo(

@@ -8,19 +8,11 @@
 #include <QColor>
 #include <QDeadlineTimer>
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 #include <QImage>
 #include <QRegularExpression>
 
 namespace {
-
-void writeBytes(const QString& path, const QByteArray& bytes) {
-    QDir().mkpath(path.section(QLatin1Char('/'), 0, -2));
-    QFile file(path);
-    if (file.open(QIODevice::WriteOnly))
-        file.write(bytes);
-}
 
 Meme item(const QString& id, const QString& description, int n) {
     Meme m;
@@ -81,9 +73,10 @@ void CatalogFixture::writeCatalog(const QString& root, int cats, int dogs) {
                      2,
                      QStringLiteral("tests"),
                      QStringLiteral("tests")};
-    writeBytes(root + QStringLiteral("/index.json"), CatalogJson::encodeMemes(memes));
-    writeBytes(root + QStringLiteral("/stickers.json"), CatalogJson::encodeMemes(stickers));
-    writeBytes(root + QStringLiteral("/collections.json"), CatalogJson::encodeCollections({c}));
+    TestEnv::writeFile(root + QStringLiteral("/index.json"), CatalogJson::encodeMemes(memes));
+    TestEnv::writeFile(root + QStringLiteral("/stickers.json"), CatalogJson::encodeMemes(stickers));
+    TestEnv::writeFile(root + QStringLiteral("/collections.json"),
+                       CatalogJson::encodeCollections({c}));
 }
 
 bool CatalogFixture::start(const QString& serverBinary, const QString& root, QString* why) {
@@ -107,14 +100,4 @@ bool CatalogFixture::start(const QString& serverBinary, const QString& root, QSt
     *why = QStringLiteral("orvane-server did not start: ") +
            QString::fromUtf8(out + m_server->readAllStandardError());
     return false;
-}
-
-bool CatalogFixture::serveAsConfigured(const QString& serverBinary, int cats, int dogs,
-                                       QString* why) {
-    const QString root = TestEnv::freshDir();
-    writeCatalog(root, cats, dogs);
-    if (!start(serverBinary, root, why))
-        return false;
-    TestEnv::installConfig({{QStringLiteral("MEME_SERVER"), m_url.toString()}});
-    return true;
 }

@@ -16,9 +16,6 @@ public:
     static void writeCatalog(const QString& root, int cats, int dogs);
     // Starts the server on `root`; false (with `why`) when it does not come up.
     bool start(const QString& serverBinary, const QString& root, QString* why);
-    // Writes a catalog into a fresh folder, serves it, and points the configuration
-    // (MEME_SERVER) at it: what a test of the whole app needs first.
-    bool serveAsConfigured(const QString& serverBinary, int cats, int dogs, QString* why);
     QUrl url() const { return m_url; }
 
 private:

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "support/testenv.h"
 
+#include "telemetry/metrics.h"
+
 #include <QDir>
 #include <QFile>
 #include <QUuid>
@@ -46,6 +48,20 @@ void writeFile(const QString& path, const QByteArray& bytes) {
     QFile file(path);
     ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
     file.write(bytes);
+}
+
+std::vector<nlohmann::json> loggedEvents(const std::string& name) {
+    Metrics::shared().flush();
+    std::vector<nlohmann::json> found;
+    for (const QByteArray& line : readFile(Metrics::url()).split('\n')) {
+        if (line.isEmpty())
+            continue;
+        nlohmann::json event = nlohmann::json::parse(line.toStdString());
+        event.erase("t");
+        if (name.empty() || event["event"] == name)
+            found.push_back(std::move(event));
+    }
+    return found;
 }
 
 } // namespace TestEnv

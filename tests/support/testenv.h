@@ -6,6 +6,7 @@
 #include <QHash>
 #include <QString>
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 namespace TestEnv {
 // Points every XDG folder below `root` so no test touches the real home. Call first in main.
@@ -19,4 +20,6 @@ std::shared_ptr<SettingsStore> installConfig(QHash<QString, QString> environment
                                              QString settingsPath = {});
 QByteArray readFile(const QString& path);
 void writeFile(const QString& path, const QByteArray& bytes);
+// The metrics log's events called `name` (all of them when empty), without their time.
+std::vector<nlohmann::json> loggedEvents(const std::string& name = {});
 } // namespace TestEnv
