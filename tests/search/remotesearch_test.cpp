@@ -21,42 +21,25 @@ const QString cloudHints =
     QStringLiteral(" · ↵ paste · drag to insert · Ctrl+D favorite · esc close");
 
 struct SeenRequest {
-    std::string method;
-    std::string path;
-    std::string target;
-    std::multimap<std::string, std::string> params;
-    httplib::Headers headers;
+    httplib::Request req;
     nlohmann::json body;
 
-    std::string header(const char* name) const {
-        const auto it = headers.find(name);
-        return it == headers.end() ? std::string() : it->second;
-    }
+    std::string header(const char* name) const { return req.get_header_value(name); }
     std::string query() const {
-        if (method == "GET") {
-            const auto it = params.find("q");
-            return it == params.end() ? std::string() : it->second;
-        }
-        return body.value("q", std::string());
+        return req.method == "GET" ? req.get_param_value("q") : body.value("q", std::string());
     }
 };
 
 // The cloud side: both dialects on one real server that records every request and answers
-// with the hits set for its query. A query can be held until release(), to keep a request
-// in flight.
+// with the body set for its query. A held query waits for release(), to stay in flight.
 class CloudServer {
 public:
     CloudServer() {
         const auto handle = [this](const httplib::Request& req, httplib::Response& res) {
-            SeenRequest seen{req.method, req.path, req.target, {}, req.headers, nullptr};
-            for (const auto& [key, value] : req.params)
-                seen.params.emplace(key, value);
-            if (!req.body.empty())
-                seen.body = nlohmann::json::parse(req.body, nullptr, false);
             std::unique_lock lock(m_mutex);
-            m_seen.push_back(seen);
-            const std::string q = seen.query();
-            m_changed.wait(lock, [&] { return m_held.count(q) == 0 || m_stopping; });
+            m_seen.push_back({req, nlohmann::json::parse(req.body, nullptr, false)});
+            const std::string q = m_seen.back().query();
+            m_changed.wait(lock, [&] { return !m_held.count(q) || m_stopping; });
             res.status = m_status;
             const auto answer = m_answers.find(q);
             res.set_content(answer == m_answers.end() ? R"({"hits":[]})" : answer->second,
@@ -69,20 +52,12 @@ public:
         m_started = m_http.start();
     }
     ~CloudServer() {
-        {
-            std::lock_guard lock(m_mutex);
-            m_stopping = true;
-        }
-        m_changed.notify_all();
+        set([&] { m_stopping = true; });
         m_http.stop();
     }
 
     bool started() const { return m_started; }
-    QUrl url(const QString& path = {}) const {
-        QUrl u = m_http.url();
-        u.setPath(path);
-        return u;
-    }
+    QUrl url() const { return m_http.url(); }
     void answer(const std::string& q, const MemeList& hits) {
         nlohmann::ordered_json list = nlohmann::ordered_json::array();
         for (const Meme& m : hits)
@@ -90,23 +65,16 @@ public:
         answerRaw(q, nlohmann::ordered_json{{"hits", list}}.dump());
     }
     void answerRaw(const std::string& q, std::string body) {
-        std::lock_guard lock(m_mutex);
-        m_answers[q] = std::move(body);
+        set([&] { m_answers[q] = std::move(body); });
     }
     void setStatus(int status) {
-        std::lock_guard lock(m_mutex);
-        m_status = status;
+        set([&] { m_status = status; });
     }
     void hold(const std::string& q) {
-        std::lock_guard lock(m_mutex);
-        m_held.insert(q);
+        set([&] { m_held.insert(q); });
     }
     void release(const std::string& q) {
-        {
-            std::lock_guard lock(m_mutex);
-            m_held.erase(q);
-        }
-        m_changed.notify_all();
+        set([&] { m_held.erase(q); });
     }
     std::vector<SeenRequest> seen() const {
         std::lock_guard lock(m_mutex);
@@ -120,6 +88,14 @@ public:
     }
 
 private:
+    template <typename F> void set(F change) {
+        {
+            std::lock_guard lock(m_mutex);
+            change();
+        }
+        m_changed.notify_all();
+    }
+
     HttpTestServer m_http;
     bool m_started = false;
     mutable std::mutex m_mutex;
@@ -135,24 +111,21 @@ private:
 class SearchLog {
 public:
     SearchLog() {
-        s_lines.clear();
+        lines().clear();
         m_previous = qInstallMessageHandler(
             [](QtMsgType, const QMessageLogContext& context, const QString& message) {
-                if (QLatin1String(context.category) == QLatin1String("glimmet.search")) {
-                    std::lock_guard lock(s_mutex);
-                    s_lines.append(message);
-                }
+                if (QLatin1String(context.category) == QLatin1String("glimmet.search"))
+                    lines().append(message);
             });
     }
     ~SearchLog() { qInstallMessageHandler(m_previous); }
-    QStringList lines() const {
-        std::lock_guard lock(s_mutex);
-        return s_lines;
+    // Written from the decoding thread too, read once the completion is in.
+    static QStringList& lines() {
+        static QStringList collected;
+        return collected;
     }
 
 private:
-    static inline std::mutex s_mutex;
-    static inline QStringList s_lines;
     QtMessageHandler m_previous;
 };
 
@@ -177,16 +150,15 @@ Meme cloudMeme(const char* id, const char* ocr = "from the cloud") {
     return meme(QString::fromLatin1(id), QString::fromLatin1(ocr));
 }
 
-// The picker over a small catalog whose words each match known items: "heron" h1 only,
-// "stork" s1 only, "owl" o1..o3, "dog" d1 and d2, "cat" c0..c199.
+// The picker over a catalog whose words match known items: "heron" h1 only, "stork" s1
+// only, "owl" o1..o3, "dog" d1 and d2, "cat" c0..c199.
 struct CloudPicker {
     CloudPicker() {
-        memes.append(meme(QStringLiteral("h1"), QStringLiteral("heron")));
-        memes.append(meme(QStringLiteral("s1"), QStringLiteral("stork")));
-        for (const char* id : {"o1", "o2", "o3"})
-            memes.append(meme(QString::fromLatin1(id), QStringLiteral("owl")));
-        for (const char* id : {"d1", "d2"})
-            memes.append(meme(QString::fromLatin1(id), QStringLiteral("dog")));
+        for (const char* id :
+             {"h1:heron", "s1:stork", "o1:owl", "o2:owl", "o3:owl", "d1:dog", "d2:dog"}) {
+            const QString spec = QString::fromLatin1(id);
+            memes.append(meme(spec.section(u':', 0, 0), spec.section(u':', 1)));
+        }
         for (int i = 0; i < 200; ++i)
             memes.append(meme(QStringLiteral("c%1").arg(i), QStringLiteral("cat"), 200 - i));
         model.setIndex(std::shared_ptr<LocalIndex>(indexWith(memes)), memes);
@@ -200,7 +172,6 @@ struct CloudPicker {
     }
     // The search-engine dialect through the user's settings.
     void useEngine(const CloudServer& cloud) {
-        settings = TestEnv::installConfig();
         settings->set(QStringLiteral("searchURL"), cloud.url().toString().toStdString());
         settings->set(QStringLiteral("searchKey"), "secret");
     }
@@ -208,10 +179,10 @@ struct CloudPicker {
         settings = TestEnv::installConfig({{QStringLiteral("MEME_API"), cloud.url().toString()}});
     }
     QStringList shown() const { return idsOf(model.results()); }
-    // Types `text` and waits until the cloud answer is merged.
+    // Types `text` and waits until the cloud answer is merged: only a merge writes the
+    // status without the caption hint.
     bool typeAndMerge(const QString& text) {
         model.searchTextEdited(text);
-        // Only a merge writes the status without the caption hint.
         return QTest::qWaitFor([&] { return model.status().endsWith(cloudHints); }, 10'000);
     }
     std::vector<nlohmann::json> remoteEvents() {
@@ -236,8 +207,6 @@ struct CloudPicker {
 };
 
 } // namespace
-
-// --- The client ---
 
 TEST(RemoteSearch, ConfigurationChoosesTheDialectAfreshOnEachCall) {
     const QString api = QStringLiteral("http://127.0.0.1:7700/api");
@@ -277,7 +246,7 @@ TEST(RemoteSearch, ConfigurationChoosesTheDialectAfreshOnEachCall) {
 TEST(RemoteSearch, EngineDialectPostsTheQueryWithTheBearerKey) {
     CloudServer cloud;
     ASSERT_TRUE(cloud.started());
-    const auto client = RemoteSearch::engine(cloud.url(QStringLiteral("/base")).toString(),
+    const auto client = RemoteSearch::engine(cloud.url().toString() + QStringLiteral("/base"),
                                              QStringLiteral("s3cret"));
     ASSERT_TRUE(client);
     const QString text = QStringLiteral("grumpy cat+1 & “café”");
@@ -290,8 +259,8 @@ TEST(RemoteSearch, EngineDialectPostsTheQueryWithTheBearerKey) {
 
     const auto seen = cloud.seen();
     ASSERT_EQ(seen.size(), 2u);
-    EXPECT_EQ(seen[0].method, "POST");
-    EXPECT_EQ(seen[0].path, "/base/indexes/memes/search");
+    EXPECT_EQ(seen[0].req.method, "POST");
+    EXPECT_EQ(seen[0].req.path, "/base/indexes/memes/search");
     EXPECT_EQ(seen[0].header("Authorization"), "Bearer s3cret");
     EXPECT_EQ(seen[0].header("Content-Type"), "application/json");
     EXPECT_EQ(seen[0].body, (nlohmann::json{{"q", text.toStdString()}, {"limit", 60}}));
@@ -311,13 +280,13 @@ TEST(RemoteSearch, WorkerDialectSendsTheInstallAndAppKeyHeaders) {
 
     const auto seen = cloud.seen();
     ASSERT_EQ(seen.size(), 2u);
-    EXPECT_EQ(seen[0].method, "GET");
-    EXPECT_EQ(seen[0].path, "/v1/search");
+    EXPECT_EQ(seen[0].req.method, "GET");
+    EXPECT_EQ(seen[0].req.path, "/v1/search");
     EXPECT_EQ(seen[0].query(), text.toStdString());
-    EXPECT_EQ(seen[0].target.substr(seen[0].target.find('?')),
+    EXPECT_EQ(seen[0].req.target.substr(seen[0].req.target.find('?')),
               "?q=a%2Bb%20%26%20c%2F%C3%A9%3F%23&limit=60&scope=memes");
     EXPECT_EQ(seen[0].header("x-app-key"), "app-7");
-    EXPECT_EQ(seen[1].headers.count("x-app-key"), 0u) << "no key configured, none sent";
+    EXPECT_FALSE(seen[1].req.has_header("x-app-key")) << "no key configured, none sent";
     EXPECT_EQ(QString::fromStdString(seen[1].header("x-install-id")), DebugFlags::installID());
     EXPECT_EQ(DebugFlags::installID().size(), 36);
 }
@@ -503,6 +472,24 @@ TEST(PickerRemote, FavouritesAndEarlierPicksLiftItemsWithTheHistoryCapped) {
     // five 1/60+0.020, nine 1/61+0.020, one 1/62+0.004, h1 1/60.
     EXPECT_EQ(p.shown(), ids({"five", "nine", "one", "h1"}));
     EXPECT_EQ(p.model.status(), QStringLiteral("4 results (+3 from cloud)") + cloudHints);
+}
+
+TEST(PickerRemote, OnePickIsWorthEighteenRanksAgainstTheLocalFirst) {
+    CloudServer cloud;
+    ASSERT_TRUE(cloud.started());
+    CloudPicker p;
+    p.useEngine(cloud);
+    MemeList hits;
+    for (int i = 0; i < 20; ++i)
+        hits.append(cloudMeme(qPrintable(QStringLiteral("f%1").arg(i, 2, 10, QLatin1Char('0')))));
+    cloud.answer("heron", hits);
+    p.userData.recordPick(QStringLiteral("f18"), QStringLiteral("heron"));
+    p.userData.recordPick(QStringLiteral("f19"), QStringLiteral("heron"));
+    ASSERT_TRUE(p.typeAndMerge(QStringLiteral("heron")));
+    // h1 has 1/60; f18 1/78 + 0.004 just passes it, f19 1/79 + 0.004 just falls short.
+    const QStringList shown = p.shown();
+    EXPECT_LT(shown.indexOf(QStringLiteral("f18")), shown.indexOf(QStringLiteral("h1")));
+    EXPECT_GT(shown.indexOf(QStringLiteral("f19")), shown.indexOf(QStringLiteral("h1")));
 }
 
 TEST(PickerRemote, SelectionStaysOnAMovedCellAndOtherwiseReturnsToTheFirst) {
