@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 // orvane-remote-roundtrip: keystroke to merged list through the cloud search, the whole way
 // the picker goes (debounce, request, decode, fusion, status), over a synthetic catalog.
-//   orvane-remote-roundtrip [--runs 50] [--size 10000]             in-process server
+//   orvane-remote-roundtrip [--runs 50] [--size 10000] [--worker]  in-process server
 //   orvane-remote-roundtrip --api http://127.0.0.1:8787             a running worker service
 //   orvane-remote-roundtrip --search-url URL --search-key KEY       a search-engine service
 // The in-process server answers both dialects with 20 catalog records from memory.
@@ -65,7 +65,9 @@ int main(int argc, char** argv) {
                                     QStringLiteral("Search-engine base."), QStringLiteral("URL"));
     const QCommandLineOption keyOpt(QStringLiteral("search-key"),
                                     QStringLiteral("Search-engine key."), QStringLiteral("KEY"));
-    parser.addOptions({runsOpt, sizeOpt, apiOpt, urlOpt, keyOpt});
+    const QCommandLineOption workerOpt(QStringLiteral("worker"),
+                                       QStringLiteral("Ask the in-process server as the worker."));
+    parser.addOptions({runsOpt, sizeOpt, apiOpt, urlOpt, keyOpt, workerOpt});
     parser.process(app);
     const int runs = parser.value(runsOpt).toInt();
     const MemeList catalog = SyntheticCatalog::generate(parser.value(sizeOpt).toInt(), 7);
@@ -82,8 +84,9 @@ int main(int argc, char** argv) {
     }
     QString searchURL = parser.value(urlOpt);
     QString searchKey = parser.value(keyOpt);
-    const bool worker = parser.isSet(apiOpt);
-    if (!worker && searchURL.isEmpty()) {
+    QString api = parser.value(apiOpt);
+    const bool worker = parser.isSet(apiOpt) || parser.isSet(workerOpt);
+    if (api.isEmpty() && searchURL.isEmpty()) {
         const auto handle = [&](const httplib::Request&, httplib::Response& res) {
             res.set_content(answer, "application/json");
         };
@@ -93,12 +96,14 @@ int main(int argc, char** argv) {
         serving = std::thread([&] { server.listen_after_bind(); });
         searchURL = QStringLiteral("http://127.0.0.1:%1").arg(port);
         searchKey = QStringLiteral("bench");
+        if (worker)
+            api = searchURL;
     }
 
     ConfigSources sources = ConfigSources::fromProcess();
     sources.environment.remove(QStringLiteral("MEME_API"));
     if (worker)
-        sources.environment.insert(QStringLiteral("MEME_API"), parser.value(apiOpt));
+        sources.environment.insert(QStringLiteral("MEME_API"), api);
     DebugFlags::installSources(sources);
     DebugFlags::settings().set(QStringLiteral("searchURL"), searchURL.toStdString());
     DebugFlags::settings().set(QStringLiteral("searchKey"), searchKey.toStdString());

@@ -37,6 +37,39 @@ void logFailure(const QString& why) {
     qCWarning(lcSearch).noquote() << QStringLiteral("remote search failed: ") + why;
 }
 
+// Hands a finished reply's hits (or none) to `done` on `target`'s thread, decoding off it.
+void finish(QNetworkReply* reply, const QElapsedTimer& started, QObject* target, int timeoutMs,
+            const RemoteSearch::Completion& done) {
+    const auto elapsedMs = [started] { return Metrics::ms(double(started.nsecsElapsed()) / 1e9); };
+    if (reply->property(cancelledProperty).toBool()) {
+        postCompletion(target, done, std::nullopt, elapsedMs());
+        return;
+    }
+    const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
+    QString failure;
+    if (reply->error() == QNetworkReply::OperationCanceledError)
+        failure = QStringLiteral("no answer within %1 ms").arg(timeoutMs);
+    else if (status.isValid() && status.toInt() != 200)
+        failure = QStringLiteral("HTTP %1").arg(status.toInt());
+    else if (reply->error() != QNetworkReply::NoError)
+        failure = reply->errorString();
+    if (!failure.isEmpty()) {
+        logFailure(failure);
+        postCompletion(target, done, std::nullopt, elapsedMs());
+        return;
+    }
+    runInBackground(
+        target,
+        [body = reply->readAll()] {
+            QString error;
+            std::optional<MemeList> hits = RemoteSearch::decodeHits(body, &error);
+            if (!hits)
+                logFailure(error);
+            return hits;
+        },
+        [done, elapsedMs](std::optional<MemeList> hits) { done(std::move(hits), elapsedMs()); });
+}
+
 } // namespace
 
 RemoteSearch::RemoteSearch(QUrl base, QString key, bool worker)
@@ -132,41 +165,8 @@ void RemoteSearch::search(const QString& text, bool hybrid, QObject* context, Co
                          reply->deleteLater();
                          if (m_reply == reply)
                              m_reply.clear();
-                         const auto elapsedMs = [started] {
-                             return Metrics::ms(double(started.nsecsElapsed()) / 1e9);
-                         };
-                         if (!target)
-                             return;
-                         const QVariant status =
-                             reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
-                         QString failure;
-                         if (reply->property(cancelledProperty).toBool()) {
-                             postCompletion(target, done, std::nullopt, elapsedMs());
-                             return;
-                         }
-                         if (reply->error() == QNetworkReply::OperationCanceledError)
-                             failure = QStringLiteral("no answer within %1 ms").arg(timeout);
-                         else if (status.isValid() && status.toInt() != 200)
-                             failure = QStringLiteral("HTTP %1").arg(status.toInt());
-                         else if (reply->error() != QNetworkReply::NoError)
-                             failure = reply->errorString();
-                         if (!failure.isEmpty()) {
-                             logFailure(failure);
-                             postCompletion(target, done, std::nullopt, elapsedMs());
-                             return;
-                         }
-                         runInBackground(
-                             target.data(),
-                             [body = reply->readAll()] {
-                                 QString error;
-                                 std::optional<MemeList> hits = decodeHits(body, &error);
-                                 if (!hits)
-                                     logFailure(error);
-                                 return hits;
-                             },
-                             [done, elapsedMs](std::optional<MemeList> hits) {
-                                 done(std::move(hits), elapsedMs());
-                             });
+                         if (target)
+                             finish(reply, started, target, timeout, done);
                      });
 }
 
