@@ -109,6 +109,8 @@ PickerModel::PickerModel(MemeStore* store, UserData* userData, QObject* parent)
     : QObject(parent), m_store(store), m_userData(userData), m_status(PickerTexts::loadingIndex),
       m_favorites(idSet(userData->favorites())) {
     m_remoteWork.setSingleShot(true);
+    // A coarse timer may fire 5 % early, which would cut the pause after the last keystroke.
+    m_remoteWork.setTimerType(Qt::PreciseTimer);
     connect(&m_remoteWork, &QTimer::timeout, this, &PickerModel::runRemote);
 }
 
