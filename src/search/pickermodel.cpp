@@ -565,6 +565,8 @@ void PickerModel::insertSelected() {
 
 void PickerModel::open(const CollectionInfo& collection) {
     Batch batch(this);
+    // Opening a collection can leave the Memes tab without a switchTab().
+    cancelRemote();
     m_tab = Tab::collections;
     m_openCollection = collection;
     m_query.clear();

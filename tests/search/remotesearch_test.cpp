@@ -318,13 +318,23 @@ TEST(RemoteSearch, BadAnswersGiveNoHitsAndOneLogLineButBadHitsAreOnlyDropped) {
     cloud.setStatus(500);
     const Answer failed = searchOnce(*client, QStringLiteral("mixed"));
     EXPECT_TRUE(failed.done && !failed.hits);
+    QUrl gone;
+    {
+        HttpTestServer closed;
+        ASSERT_TRUE(closed.start());
+        gone = closed.url();
+    }
+    const Answer unreachable = searchOnce(*RemoteSearch::worker(gone), QStringLiteral("mixed"));
+    EXPECT_TRUE(unreachable.done && !unreachable.hits);
 
     const QStringList lines = log.lines();
-    ASSERT_EQ(lines.size(), 4) << lines.join(u'\n').toStdString();
+    ASSERT_EQ(lines.size(), 5) << lines.join(u'\n').toStdString();
     for (const QString& line : lines)
         EXPECT_TRUE(line.startsWith(QStringLiteral("remote search failed: ")))
             << line.toStdString();
     EXPECT_EQ(lines[3], QStringLiteral("remote search failed: HTTP 500"));
+    EXPECT_TRUE(lines[4].contains(QStringLiteral("refused"), Qt::CaseInsensitive))
+        << lines[4].toStdString();
 }
 
 TEST(RemoteSearch, CancellingIsSilentButATimeOutIsLogged) {
