@@ -8,6 +8,7 @@
 #include "userdata/userdata.h"
 
 #include <QTest>
+#include <QThreadPool>
 #include <condition_variable>
 #include <map>
 #include <mutex>
@@ -571,4 +572,47 @@ TEST(PickerRemote, AnAnswerForAnOlderQueryOrAnotherTabNeverShows) {
     EXPECT_TRUE(searchOnce(*other, QStringLiteral("ping")).hits);
     EXPECT_TRUE(p.shown().isEmpty());
     EXPECT_EQ(p.remoteEvents().size(), 1u);
+}
+
+TEST(PickerRemote, AnAnswerDecodedAfterTheQueryChangedIsDropped) {
+    CloudServer cloud;
+    ASSERT_TRUE(cloud.started());
+    CloudPicker p;
+    p.useEngine(cloud);
+    cloud.answer("heron", {cloudMeme("late")});
+
+    // Answers are decoded on the global pool: keep it busy so the "heron" answer has
+    // arrived, past any cancellation, but reaches the model only after the next query.
+    QThreadPool& pool = *QThreadPool::globalInstance();
+    std::mutex mutex;
+    std::condition_variable changed;
+    int running = 0;
+    bool released = false;
+    for (int i = 0; i < pool.maxThreadCount(); ++i)
+        pool.start([&] {
+            std::unique_lock lock(mutex);
+            ++running;
+            changed.notify_all();
+            changed.wait(lock, [&] { return released; });
+        });
+    {
+        std::unique_lock lock(mutex);
+        changed.wait(lock, [&] { return running == pool.maxThreadCount(); });
+    }
+    p.model.searchTextEdited(QStringLiteral("heron"));
+    EXPECT_TRUE(
+        QTest::qWaitFor([&] { return !cloud.seen().empty() && !p.model.remotePending(); }, 10'000));
+    p.model.searchTextEdited(QStringLiteral("stork"));
+    {
+        std::lock_guard lock(mutex);
+        released = true;
+    }
+    changed.notify_all();
+    pool.waitForDone();
+
+    ASSERT_TRUE(QTest::qWaitFor([&] { return p.model.status().endsWith(cloudHints); }, 10'000));
+    EXPECT_EQ(p.shown(), ids({"s1"}));
+    const auto events = p.remoteEvents();
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0]["q"], "stork");
 }
