@@ -108,25 +108,29 @@ private:
     bool m_stopping = false;
 };
 
-// Collects the "glimmet.search" log lines written while it lives.
+// Collects the "glimmet.search" log lines written while it lives, from any thread.
 class SearchLog {
 public:
     SearchLog() {
-        lines().clear();
+        std::lock_guard lock(s_mutex);
+        s_lines.clear();
         m_previous = qInstallMessageHandler(
             [](QtMsgType, const QMessageLogContext& context, const QString& message) {
-                if (QLatin1String(context.category) == QLatin1String("glimmet.search"))
-                    lines().append(message);
+                if (QLatin1String(context.category) == QLatin1String("glimmet.search")) {
+                    std::lock_guard lock(s_mutex);
+                    s_lines.append(message);
+                }
             });
     }
     ~SearchLog() { qInstallMessageHandler(m_previous); }
-    // Written from the decoding thread too, read once the completion is in.
-    static QStringList& lines() {
-        static QStringList collected;
-        return collected;
+    QStringList lines() const {
+        std::lock_guard lock(s_mutex);
+        return s_lines;
     }
 
 private:
+    static inline std::mutex s_mutex;
+    static inline QStringList s_lines;
     QtMessageHandler m_previous;
 };
 
