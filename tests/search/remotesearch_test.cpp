@@ -161,8 +161,8 @@ struct CloudPicker {
     CloudPicker() {
         for (const char* id :
              {"h1:heron", "s1:stork", "o1:owl", "o2:owl", "o3:owl", "d1:dog", "d2:dog"}) {
-            const QString spec = QString::fromLatin1(id);
-            memes.append(meme(spec.section(u':', 0, 0), spec.section(u':', 1)));
+            const QString item = QString::fromLatin1(id);
+            memes.append(meme(item.section(u':', 0, 0), item.section(u':', 1)));
         }
         for (int i = 0; i < 200; ++i)
             memes.append(meme(QStringLiteral("c%1").arg(i), QStringLiteral("cat"), 200 - i));
