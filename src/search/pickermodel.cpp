@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: MIT
 #include "search/pickermodel.h"
 
+#include "catalog/debugflags.h"
 #include "catalog/memestore.h"
 #include "search/collectionsource.h"
 #include "search/fusedranking.h"
 #include "search/localindex.h"
 #include "search/pickertexts.h"
+#include "search/remotesearch.h"
 #include "search/wordfilter.h"
 #include "telemetry/metrics.h"
 #include "userdata/userdata.h"
@@ -105,7 +107,12 @@ private:
 
 PickerModel::PickerModel(MemeStore* store, UserData* userData, QObject* parent)
     : QObject(parent), m_store(store), m_userData(userData), m_status(PickerTexts::loadingIndex),
-      m_favorites(idSet(userData->favorites())) {}
+      m_favorites(idSet(userData->favorites())) {
+    m_remoteWork.setSingleShot(true);
+    // A coarse timer may fire 5 % early, which would cut the pause after the last keystroke.
+    m_remoteWork.setTimerType(Qt::PreciseTimer);
+    connect(&m_remoteWork, &QTimer::timeout, this, &PickerModel::runRemote);
+}
 
 PickerModel::~PickerModel() = default;
 
@@ -219,6 +226,7 @@ void PickerModel::runMemesSearch(const QString& text, std::optional<QElapsedTime
     m_results = withMineOnTop(ranked);
     m_localResults = ranked;
     m_moreAvailable = ranked.size() >= m_window;
+    scheduleRemote(text);
     m_status = PickerTexts::memesStatus(text, m_results.size(), m_mineMatches.size(), false);
     prefetchSelection();
     if (startedAt)
@@ -279,9 +287,13 @@ MemeList PickerModel::searchMine(const QString& text, int limit) const {
     return out;
 }
 
+Metrics& PickerModel::metrics() const {
+    return m_store ? m_store->metrics() : Metrics::shared();
+}
+
 void PickerModel::logSearch(const QString& text, qsizetype ranked, double computeMs,
                             const QElapsedTimer& startedAt) {
-    Metrics* log = m_store ? &m_store->metrics() : &Metrics::shared();
+    Metrics* log = &metrics();
     const auto indexed = m_byID.size();
     // Posted, so that "ms" also covers the views redrawing for the new results.
     QTimer::singleShot(0, this, [=] {
@@ -293,6 +305,117 @@ void PickerModel::logSearch(const QString& text, qsizetype ranked, double comput
                     {"index", indexed},
                     {"engine", "fts5"}});
     });
+}
+
+// --- Cloud search ---
+
+void PickerModel::scheduleRemote(const QString& text) {
+    cancelRemote();
+    // The empty query (or one of only spaces) browses; it never goes to the cloud.
+    if (m_tab != Tab::memes || text.trimmed().isEmpty())
+        return;
+    std::unique_ptr<RemoteSearch> configured = RemoteSearch::current();
+    if (!configured) {
+        m_remote.reset();
+        return;
+    }
+    // Keep the client (and its connection) while the settings name the same server and key.
+    if (!m_remote || m_remote->identity() != configured->identity())
+        m_remote = std::move(configured);
+    m_remoteText = text;
+    m_remoteWork.start(m_remote->isWorker() ? remoteDelayWorkerMs : remoteDelayEngineMs);
+}
+
+void PickerModel::runRemote() {
+    if (!m_remote)
+        return;
+    const QString text = m_remoteText;
+    if (m_remote->isWorker() && (m_localResults.size() > workerMaxLocalResults ||
+                                 text.trimmed().size() < workerMinQueryChars))
+        return;
+    const bool hybrid = DebugFlags::settings().boolean(QStringLiteral("semanticSearch"));
+    m_remote->search(text, hybrid, this, [this, text](std::optional<MemeList> hits, double ms) {
+        // Cancellation is best-effort: an answer for an older query or another tab is stale.
+        if (!hits || m_tab != Tab::memes || m_query != text)
+            return;
+        mergeRemote(*hits, text, ms);
+    });
+}
+
+void PickerModel::cancelRemote() {
+    m_remoteWork.stop();
+    if (m_remote)
+        m_remote->cancel();
+}
+
+bool PickerModel::remotePending() const {
+    return m_remoteWork.isActive() || (m_remote && m_remote->isBusy());
+}
+
+void PickerModel::mergeRemote(const MemeList& remote, const QString& text, double ms) {
+    Batch batch(this);
+    QHash<QString, double> score;
+    QHash<QString, Meme> items;
+    for (qsizetype r = 0; r < m_localResults.size(); ++r) {
+        const Meme& meme = m_localResults[r];
+        score[meme.id] += 1.0 / double(r + FusedRanking::rankOffset);
+        items.insert(meme.id, meme);
+    }
+    for (qsizetype r = 0; r < remote.size(); ++r) {
+        const Meme& meme = remote[r];
+        score[meme.id] += 1.0 / double(r + FusedRanking::rankOffset);
+        // The local record wins over the cloud's copy of the same item.
+        if (!items.contains(meme.id))
+            items.insert(meme.id, meme);
+    }
+    const QString queryKey = WordFilter::foldedWords(text).join(u' ');
+    for (auto it = score.begin(); it != score.end(); ++it) {
+        const qint64 picks = m_userData->pickCount(queryKey, it.key());
+        it.value() +=
+            double(std::min(picks, FusedRanking::maxCountedPicks)) * FusedRanking::pickBoost;
+        if (m_favorites.contains(it.key()))
+            it.value() += FusedRanking::favoriteBoost;
+    }
+    std::vector<std::pair<QString, double>> ordered;
+    ordered.reserve(std::size_t(score.size()));
+    for (auto it = score.cbegin(); it != score.cend(); ++it)
+        ordered.emplace_back(it.key(), it.value());
+    std::stable_sort(ordered.begin(), ordered.end(), [](const auto& a, const auto& b) {
+        return a.second != b.second ? a.second > b.second : a.first < b.first;
+    });
+
+    const QSet<QString> localIDs = [&] {
+        QSet<QString> ids;
+        for (const Meme& meme : m_localResults)
+            ids.insert(meme.id);
+        return ids;
+    }();
+    MemeList fused;
+    fused.reserve(qsizetype(ordered.size()));
+    qsizetype added = 0;
+    for (const auto& [id, value] : ordered) {
+        fused.append(items.value(id));
+        if (!localIDs.contains(id))
+            ++added;
+    }
+
+    const std::optional<Meme> kept = m_userMoved ? selectedItem() : std::nullopt;
+    m_results = withMineOnTop(fused).mid(0, std::max(m_window, pageSize));
+    m_selected = 0;
+    if (kept) {
+        const auto at = std::find_if(m_results.cbegin(), m_results.cend(),
+                                     [&](const Meme& m) { return m.id == kept->id; });
+        if (at != m_results.cend())
+            m_selected = int(at - m_results.cbegin());
+    }
+    m_status = PickerTexts::remoteStatus(m_results.size(), added);
+    prefetchSelection();
+    metrics().write(QStringLiteral("search_remote"),
+                    {{"q", text.toStdString()},
+                     {"ms", ms},
+                     {"hits", remote.size()},
+                     {"added", added},
+                     {"hybrid", DebugFlags::settings().boolean(QStringLiteral("semanticSearch"))}});
 }
 
 void PickerModel::runCollectionSearch(const QString& text) {
@@ -388,6 +511,7 @@ void PickerModel::switchTab(Tab tab) {
     if (tab == m_tab)
         return;
     Batch batch(this);
+    cancelRemote();
     m_tab = tab;
     m_openCollection.reset();
     runSearch(m_query);
@@ -441,6 +565,8 @@ void PickerModel::insertSelected() {
 
 void PickerModel::open(const CollectionInfo& collection) {
     Batch batch(this);
+    // Opening a collection can leave the Memes tab without a switchTab().
+    cancelRemote();
     m_tab = Tab::collections;
     m_openCollection = collection;
     m_query.clear();

@@ -10,12 +10,15 @@
 #include <QObject>
 #include <QSet>
 #include <QString>
+#include <QTimer>
 #include <memory>
 #include <optional>
 
 class CollectionSource;
 class LocalIndex;
 class MemeStore;
+class Metrics;
+class RemoteSearch;
 class UserData;
 
 // The view model behind the picker panel: the query, the active tab, the list the grid
@@ -52,6 +55,14 @@ public:
     static constexpr int mineTabLimit = 60;
     // Besides the selected item, the first results are prefetched.
     static constexpr int prefetchHead = 12;
+    // Pause after the last keystroke before the cloud is asked. The worker is a fallback for
+    // queries the local index barely answers, so it waits longer.
+    static constexpr int remoteDelayEngineMs = 100;
+    static constexpr int remoteDelayWorkerMs = 300;
+    // The worker is asked only when the local ranking holds at most this many items...
+    static constexpr int workerMaxLocalResults = 2;
+    // ...for a query of at least this many characters.
+    static constexpr int workerMinQueryChars = 3;
 
     // `store` may be null (nothing is prefetched, metrics go to the process-wide log);
     // `userData` must outlive the model.
@@ -86,6 +97,13 @@ public:
     // The grid shows the cell at `index`: near the end of a Memes list, the next page is
     // ranked and appended. Other tabs show their whole list and never page.
     void loadMoreIfNeeded(int index);
+
+    // A cloud answer for `text` arrived `ms` after it was asked: fuses it with the local
+    // ranking (reciprocal ranks, the user's picks for the query, favourites) and shows the
+    // result with the Mine matches on top. Paging later goes back to the local ranking.
+    void mergeRemote(const MemeList& remote, const QString& text, double ms);
+    // Whether a cloud search is waiting for its debounce or for its answer.
+    bool remotePending() const;
 
     // --- Tabs and keys ---
 
@@ -185,6 +203,10 @@ private:
     void prefetchSelection();
     void logSearch(const QString& text, qsizetype ranked, double computeMs,
                    const QElapsedTimer& startedAt);
+    void scheduleRemote(const QString& text);
+    void runRemote();
+    void cancelRemote();
+    Metrics& metrics() const;
 
     MemeStore* m_store;
     UserData* m_userData;
@@ -216,6 +238,11 @@ private:
     MemeList m_mineMatches;
     std::shared_ptr<const CollectionSource> m_collections;
     bool m_userMoved = false;
+    // The cloud client for the current configuration; replaced when the settings change.
+    std::unique_ptr<RemoteSearch> m_remote;
+    // The debounce of the next cloud search, for m_remoteText.
+    QTimer m_remoteWork;
+    QString m_remoteText;
     // Nesting depth of Batch, so only the outermost operation announces changes.
     int m_batchDepth = 0;
 };

@@ -26,6 +26,13 @@ QString memesStatus(const QString& query, qsizetype results, qsizetype mine, boo
                       " · ↵ paste · drag to insert · Ctrl+D favorite · Ctrl+E caption · esc close");
 }
 
+QString remoteStatus(qsizetype results, qsizetype added) {
+    QString line = QStringLiteral("%1 results").arg(results);
+    if (added > 0)
+        line += QStringLiteral(" (+%1 from cloud)").arg(added);
+    return line + QStringLiteral(" · ↵ paste · drag to insert · Ctrl+D favorite · esc close");
+}
+
 QString recentStatus(qsizetype recent, qsizetype mostUsed) {
     return QStringLiteral("%1 recent · %2 most used").arg(recent).arg(mostUsed) + listHints;
 }

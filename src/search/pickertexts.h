@@ -16,6 +16,9 @@ inline const QString mineEmpty =
 // Memes tab: the count part (or the browse sentence for an empty query), " (all)" once the
 // last page is shown, then the key hints. A query of only spaces counts as a query.
 QString memesStatus(const QString& query, qsizetype results, qsizetype mine, bool all);
+// Memes tab after cloud results were merged in: the count, "(+N from cloud)" when the
+// cloud added items, then the key hints without the caption hint.
+QString remoteStatus(qsizetype results, qsizetype added);
 QString recentStatus(qsizetype recent, qsizetype mostUsed);
 QString mineStatus(qsizetype mine, qsizetype favoriteStickers);
 QString collectionListStatus(qsizetype collections);
