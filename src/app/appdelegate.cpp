@@ -413,6 +413,7 @@ void AppDelegate::buildMenu(QMenu* menu) {
                                   {QStringLiteral("1000 ms"), 1000}},
                                  DebugFlags::restoreDelayMs(),
                                  [](const std::int64_t& ms) { DebugFlags::setRestoreDelayMs(ms); });
+        toggle(QStringLiteral("Semantic (hybrid) cloud search"), QStringLiteral("semanticSearch"));
         debug->addAction(QStringLiteral("Open metrics log"), this, [this] {
             FileOpener::open(Metrics::url(), m_panel->isVisible() ? m_panel->panel() : nullptr,
                              &QDesktopServices::openUrl, [this](const QString& t) { notify(t); });

@@ -55,10 +55,11 @@ TEST_F(AppMenu, ReadsTopToBottomWithAndWithoutTheDebugSwitch) {
     EXPECT_FALSE(cloud->isEnabled());
     QMenu* debug = submenu(menu.get(), QStringLiteral("Debug / A-B tests"));
     ASSERT_NE(debug, nullptr);
-    EXPECT_EQ(titles(debug),
-              (QStringList{"10,000-item stress index", "Activating panel (A/B)", "Drag payload",
-                           "Paste payload", "Clipboard restore delay", "Open metrics log",
-                           "Clear image cache"}));
+    EXPECT_EQ(
+        titles(debug),
+        (QStringList{"10,000-item stress index", "Activating panel (A/B)", "Drag payload",
+                     "Paste payload", "Clipboard restore delay", "Semantic (hybrid) cloud search",
+                     "Open metrics log", "Clear image cache"}));
     EXPECT_EQ(checked(submenu(debug, QStringLiteral("Clipboard restore delay"))),
               QStringList{"600 ms"});
     EXPECT_EQ(
