@@ -363,9 +363,13 @@ FtsMirror::Postings FtsMirror::unionOf(Range range, std::vector<std::uint32_t>& 
         return {rows.data(), freqs.data(), rows.size()};
     }
 
-    if (m_accumulator.size() != rowCount) {
-        m_accumulator.assign(rowCount, 0);
-        m_seen.assign((rowCount + 63) / 64, 0);
+    // Scratch for merging on the fly, one per thread so that threads search one mirror at
+    // once; every entry a merge touches is zero again when it returns.
+    thread_local std::vector<std::uint32_t> accumulator; // by row, 0 = absent
+    thread_local std::vector<std::uint64_t> seen;        // bit per row
+    if (accumulator.size() < rowCount) {
+        accumulator.assign(rowCount, 0);
+        seen.assign((rowCount + 63) / 64, 0);
     }
     std::uint32_t lowest = std::numeric_limits<std::uint32_t>::max(), highest = 0;
     for (std::uint32_t t = range.first; t < range.last; ++t) {
@@ -376,8 +380,8 @@ FtsMirror::Postings FtsMirror::unionOf(Range range, std::vector<std::uint32_t>& 
         highest = std::max(highest, p.rows[p.size - 1]);
         for (std::size_t i = 0; i < p.size; ++i) {
             const std::uint32_t row = p.rows[i];
-            m_seen[row / 64] |= std::uint64_t(1) << (row % 64);
-            m_accumulator[row] += p.freqs[i];
+            seen[row / 64] |= std::uint64_t(1) << (row % 64);
+            accumulator[row] += p.freqs[i];
         }
     }
     if (lowest > highest)
@@ -385,14 +389,14 @@ FtsMirror::Postings FtsMirror::unionOf(Range range, std::vector<std::uint32_t>& 
     rows.reserve(total);
     freqs.reserve(total);
     for (std::size_t w = lowest / 64; w <= highest / 64; ++w) {
-        std::uint64_t bits = m_seen[w];
-        m_seen[w] = 0;
+        std::uint64_t bits = seen[w];
+        seen[w] = 0;
         while (bits) {
             const auto row = std::uint32_t(w * 64 + std::size_t(__builtin_ctzll(bits)));
             bits &= bits - 1;
             rows.push_back(row);
-            freqs.push_back(std::uint16_t(m_accumulator[row]));
-            m_accumulator[row] = 0;
+            freqs.push_back(std::uint16_t(accumulator[row]));
+            accumulator[row] = 0;
         }
     }
     return {rows.data(), freqs.data(), rows.size()};

@@ -98,8 +98,4 @@ private:
         std::vector<std::uint16_t> freqs;
     };
     std::unordered_map<Range, Merged, RangeHash> m_merged;
-
-    // Scratch for merging other prefixes on the fly.
-    mutable std::vector<std::uint32_t> m_accumulator; // by row, 0 = absent
-    mutable std::vector<std::uint64_t> m_seen;        // bit per row
 };

@@ -456,7 +456,39 @@ QStringList LocalIndex::runMatchQuery(const QString& match, int limit) {
 }
 
 std::optional<QStringList> LocalIndex::searchMirror(const QStringList& tokens, int limit) {
-    if (!m_mirror || !m_tokenizer)
+    if (!m_mirror)
+        return std::nullopt;
+    const auto prefixes = mirrorPrefixes(tokens);
+    if (!prefixes)
+        return std::nullopt;
+    return m_mirror->search(*prefixes, limit);
+}
+
+QStringList LocalIndex::searchShared(const QString& text, int limit) {
+    const QStringList tokens = TextFold::tokens(text);
+    if (tokens.isEmpty())
+        return {};
+    std::call_once(m_sharedMirrorRead, [this] {
+        std::lock_guard guard(m_lock);
+        std::lock_guard mirrorGuard(m_mirrorLock);
+        ensureMirror();
+    });
+    std::optional<std::vector<std::string>> prefixes;
+    {
+        // The tokenizer keeps scratch of its own: one query at a time. The mirror itself
+        // never changes any more, so it is read without the lock.
+        std::lock_guard mirrorGuard(m_mirrorLock);
+        if (m_mirror)
+            prefixes = mirrorPrefixes(tokens);
+    }
+    if (prefixes)
+        return m_mirror->search(*prefixes, limit);
+    std::lock_guard guard(m_lock);
+    return runMatchQuery(matchExpression(text), limit);
+}
+
+std::optional<std::vector<std::string>> LocalIndex::mirrorPrefixes(const QStringList& tokens) {
+    if (!m_tokenizer)
         return std::nullopt;
     // FTS5 runs each quoted term through the tokenizer again; the mirror models a term that
     // stays one non-empty token, and leaves anything else (a phrase) to SQL.
@@ -477,7 +509,7 @@ std::optional<QStringList> LocalIndex::searchMirror(const QStringList& tokens, i
             return std::nullopt;
         prefixes.push_back(std::move(prefix));
     }
-    return m_mirror->search(prefixes, limit);
+    return prefixes;
 }
 
 std::optional<QString> LocalIndex::storedSignature() {

@@ -76,6 +76,10 @@ public:
     // leaves it ready; a file opened with content does not have it yet). Call it off the GUI
     // thread after loadCached() so the first keystroke does not pay for it. Takes the lock.
     void prepareFastPath();
+    // search() for an index that is no longer rebuilt (one per catalog version, as the server
+    // keeps them): once its in-memory mirror is read, any number of threads search it at once
+    // without the lock. What the mirror cannot answer goes to SQL under the lock.
+    QStringList searchShared(const QString& text, int limit);
     // How the last search() was answered: true from memory, false through SQL. For tests.
     bool lastSearchWasFast() const { return m_lastSearchFast; }
     // Runs on the rebuild's writing thread, holding lock(), just before COMMIT. For tests
@@ -94,6 +98,9 @@ private:
     int run(const QString& sql);
     QStringList runMatchQuery(const QString& match, int limit);
     std::optional<QStringList> searchMirror(const QStringList& tokens, int limit);
+    // The mirror's prefix terms for `tokens`; none when a token is not one term to it (a
+    // phrase, left to SQL). Uses m_tokenizer.
+    std::optional<std::vector<std::string>> mirrorPrefixes(const QStringList& tokens);
     // Writes the whole transaction; `json` holds the items' rows once `encoder` is joined.
     // False when any step failed and the transaction was rolled back. Joins `encoder`.
     bool write(const MemeList& memes, const QString& signature, std::thread& encoder,
@@ -134,6 +141,7 @@ private:
     // The writing thread holds m_lock and m_mirror (when set) is the catalog being committed.
     bool m_committing = false;
     std::atomic<bool> m_lastSearchFast = false;
+    std::once_flag m_sharedMirrorRead;
 
     // One rebuild at a time; each joins the previous writing thread before starting its own.
     std::mutex m_rebuildLock;

@@ -56,11 +56,32 @@ bool sameKey(const std::string& given, const std::string& expected) {
     return digest(given) == digest(expected);
 }
 
-ordered_json hitsOf(const MemeList& memes) {
-    ordered_json hits = ordered_json::array();
-    for (const Meme& meme : memes)
-        hits.push_back(CatalogJson::encode(meme));
-    return hits;
+// {"hits":[…]} followed by the members of `rest` (an object): the hits are already JSON
+// text, so they are joined, not decoded and encoded again.
+HttpResponse hitsResponse(const std::vector<std::string_view>& hits,
+                          const ordered_json& rest = ordered_json::object()) {
+    HttpResponse response;
+    response.contentType = "application/json";
+    std::string& body = response.body;
+    std::size_t size = 16;
+    for (const std::string_view hit : hits)
+        size += hit.size() + 1;
+    const std::string members = rest.dump();
+    body.reserve(size + members.size());
+    body += R"({"hits":[)";
+    for (std::size_t i = 0; i < hits.size(); ++i) {
+        if (i)
+            body += ',';
+        body += hits[i];
+    }
+    body += ']';
+    if (members.size() > 2) {
+        body += ',';
+        body.append(members, 1); // without its own "{"
+    } else {
+        body += '}';
+    }
+    return response;
 }
 
 std::optional<int> parseCount(const std::string& text) {
@@ -213,15 +234,14 @@ HttpResponse SearchApi::engineSearch(const HttpRequest& request, bool plain) {
 
     const SearchService::Result result =
         plain ? m_search.searchPlain(query) : m_search.search(query);
-    ordered_json answer = {{"hits", hitsOf(result.hits)},
-                           {"query", query.text.toStdString()},
+    ordered_json answer = {{"query", query.text.toStdString()},
                            {"processingTimeMs", timer.elapsed()},
                            {"limit", query.limit},
                            {"offset", query.offset},
                            {"estimatedTotalHits", result.totalHits}};
     if (query.semanticRatio)
         answer["semanticHitCount"] = result.semanticHits;
-    return jsonResponse(200, answer);
+    return hitsResponse(result.hits, answer);
 }
 
 HttpResponse SearchApi::workerSearch(const HttpRequest& request) {
@@ -247,8 +267,10 @@ HttpResponse SearchApi::workerSearch(const HttpRequest& request) {
                            "q is longer than " + std::to_string(m_limits.maxQueryBytes) + " bytes");
     query.text = QString::fromStdString(text);
     // The worker has no ranking of its own for an empty query.
-    const MemeList hits = query.text.trimmed().isEmpty() ? MemeList() : m_search.search(query).hits;
-    return jsonResponse(200, {{"hits", hitsOf(hits)}});
+    if (query.text.trimmed().isEmpty())
+        return hitsResponse({});
+    const SearchService::Result result = m_search.search(query);
+    return hitsResponse(result.hits);
 }
 
 HttpResponse SearchApi::postEvents(const HttpRequest& request) {

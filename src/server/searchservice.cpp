@@ -46,7 +46,7 @@ struct SearchService::Snapshot {
     QString stamp;
     QString file;
     std::unique_ptr<LocalIndex> index;
-    MemeList memes;
+    std::vector<std::string> encoded; // each item as its catalog record, JSON text
     QHash<QString, qsizetype> byID;
 
     ~Snapshot() {
@@ -122,13 +122,15 @@ std::shared_ptr<SearchService::Snapshot> SearchService::build(const QString& sta
     snapshot->index->rebuild(*memes, signature);
     if (!snapshot->index->waitUntilCommitted())
         return nullptr;
-    snapshot->memes = std::move(*memes);
-    snapshot->byID.reserve(snapshot->memes.size());
-    for (qsizetype i = 0; i < snapshot->memes.size(); ++i)
-        snapshot->byID.insert(snapshot->memes[i].id, i);
+    snapshot->encoded.reserve(std::size_t(memes->size()));
+    snapshot->byID.reserve(memes->size());
+    for (const Meme& meme : *memes) {
+        snapshot->byID.insert(meme.id, qsizetype(snapshot->encoded.size()));
+        snapshot->encoded.push_back(CatalogJson::encode(meme).dump());
+    }
     if (!stamp.isEmpty())
         qCInfo(lcServer).noquote()
-            << "search: indexed" << snapshot->memes.size() << "items in" << timer.elapsed() << "ms";
+            << "search: indexed" << memes->size() << "items in" << timer.elapsed() << "ms";
     return snapshot;
 }
 
@@ -188,7 +190,7 @@ std::shared_ptr<SearchService::Snapshot> SearchService::current() {
 }
 
 qsizetype SearchService::itemCount() {
-    return current()->memes.size();
+    return qsizetype(current()->encoded.size());
 }
 
 std::vector<QString> SearchService::keywordRanking(Snapshot& snapshot, const QString& text,
@@ -198,7 +200,7 @@ std::vector<QString> SearchService::keywordRanking(Snapshot& snapshot, const QSt
     // A picked item may sit deeper than the page; without picks the page (and one more, to
     // tell whether more follow) is all the order needed.
     const QStringList ids =
-        snapshot.index->search(text, picks.isEmpty() ? depth + 1 : m_options.maxTotalHits);
+        snapshot.index->searchShared(text, picks.isEmpty() ? depth + 1 : m_options.maxTotalHits);
     std::vector<QString> order(ids.begin(), ids.end());
     if (picks.isEmpty())
         return order;
@@ -243,7 +245,7 @@ std::vector<QString> SearchService::relatedRanking(Snapshot& snapshot, const QSt
     std::unordered_map<QString, double> score;
     const int perVariant = depth + 1;
     for (const Variant& variant : variants) {
-        const QStringList ids = snapshot.index->search(variant.text, perVariant);
+        const QStringList ids = snapshot.index->searchShared(variant.text, perVariant);
         for (qsizetype r = 0; r < ids.size(); ++r) {
             auto [it, inserted] = score.try_emplace(ids[r], 0.0);
             if (inserted)
@@ -254,15 +256,18 @@ std::vector<QString> SearchService::relatedRanking(Snapshot& snapshot, const QSt
     return byScore(order, score);
 }
 
-SearchService::Result SearchService::page(const Snapshot& snapshot,
+SearchService::Result SearchService::page(const std::shared_ptr<Snapshot>& snapshot,
                                           const std::vector<QString>& ranked, const Query& query) {
     Result result;
+    result.keepAlive = snapshot;
     result.totalHits = qsizetype(ranked.size());
     const std::size_t end =
         std::min(ranked.size(), std::size_t(query.offset) + std::size_t(query.limit));
     for (std::size_t i = std::size_t(query.offset); i < end; ++i)
-        if (const auto it = snapshot.byID.constFind(ranked[i]); it != snapshot.byID.cend())
-            result.hits.append(snapshot.memes[*it]);
+        if (const auto it = snapshot->byID.constFind(ranked[i]); it != snapshot->byID.cend()) {
+            result.hits.push_back(snapshot->encoded[std::size_t(*it)]);
+            result.ids.append(ranked[i]);
+        }
     return result;
 }
 
@@ -271,7 +276,7 @@ SearchService::Result SearchService::search(const Query& query) {
     const int depth = query.offset + query.limit;
     std::vector<QString> keyword = keywordRanking(*snapshot, query.text, depth);
     if (!query.semanticRatio)
-        return page(*snapshot, keyword, query);
+        return page(snapshot, keyword, query);
 
     const double ratio = std::clamp(*query.semanticRatio, 0.0, 1.0);
     const std::vector<QString> related = relatedRanking(*snapshot, query.text, depth);
@@ -291,10 +296,10 @@ SearchService::Result SearchService::search(const Query& query) {
     std::vector<QString> blended = byScore(order, score);
     if (int(blended.size()) > m_options.maxTotalHits)
         blended.resize(std::size_t(m_options.maxTotalHits));
-    Result result = page(*snapshot, blended, query);
+    Result result = page(snapshot, blended, query);
     const std::unordered_set<QString> inKeyword(keyword.begin(), keyword.end());
-    for (const Meme& hit : result.hits)
-        result.semanticHits += !inKeyword.contains(hit.id);
+    for (const QString& id : result.ids)
+        result.semanticHits += !inKeyword.contains(id);
     return result;
 }
 
@@ -302,5 +307,5 @@ SearchService::Result SearchService::searchPlain(const Query& query) {
     const std::shared_ptr<Snapshot> snapshot = current();
     // As a plain client would ask: no deeper than the page.
     const QStringList ids = snapshot->index->searchPlain(query.text, query.offset + query.limit);
-    return page(*snapshot, std::vector<QString>(ids.begin(), ids.end()), query);
+    return page(snapshot, std::vector<QString>(ids.begin(), ids.end()), query);
 }

@@ -12,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string_view>
 #include <thread>
 
 class EventStore;
@@ -50,7 +51,11 @@ public:
         std::optional<double> semanticRatio;
     };
     struct Result {
-        MemeList hits;
+        // The hits as catalog records in JSON text, encoded once per catalog version so an
+        // answer is only stitched together; they stay valid while the result lives.
+        std::vector<std::string_view> hits;
+        QStringList ids;
+        std::shared_ptr<const void> keepAlive;
         // All matches when fewer than maxTotalHits; otherwise (no boosts to rank deeper) the
         // page's end plus one when more follow.
         qsizetype totalHits = 0;
@@ -84,8 +89,8 @@ private:
     QString stampOf() const;
     std::vector<QString> keywordRanking(Snapshot& snapshot, const QString& text, int depth);
     std::vector<QString> relatedRanking(Snapshot& snapshot, const QString& text, int depth);
-    static Result page(const Snapshot& snapshot, const std::vector<QString>& ranked,
-                       const Query& query);
+    static Result page(const std::shared_ptr<Snapshot>& snapshot,
+                       const std::vector<QString>& ranked, const Query& query);
 
     Options m_options;
     WordNet* m_wordNet;
