@@ -9,10 +9,12 @@
 
 #include <QDeadlineTimer>
 #include <QThread>
+#include <atomic>
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 namespace {
 
@@ -280,4 +282,45 @@ TEST(SearchApi, ClientsOverTheirRateWaitASecond) {
     const Reply over = s.engine({{"q", "cat"}});
     EXPECT_EQ(over.status, 429);
     EXPECT_EQ(over.body["code"], "too_many_search_requests");
+}
+
+// The event threads search one index at once: each must get what a lone client gets, also
+// for prefixes that merge many words on the fly.
+TEST(SearchApi, ClientsSearchingAtOnceGetWhatALoneClientGets) {
+    const QStringList words = {"cat",   "catnip", "catalog", "category", "cattle", "dog",
+                               "dodge", "dot",    "happy",   "hapless",  "harbor", "sad"};
+    MemeList memes;
+    for (int i = 0; i < 5000; ++i)
+        memes.append(item(QStringLiteral("m%1").arg(i), {},
+                          words[i % words.size()] + ' ' + words[(i * 7 + 3) % words.size()] + ' ' +
+                              words[(i * 5 + 1) % words.size()]));
+    const QString root = TestEnv::freshDir();
+    TestEnv::writeFile(root + "/index.json", CatalogJson::encodeMemes(memes));
+    SearchService::Options options;
+    options.catalog = (root + "/index.json").toStdString();
+    SearchService search(options, nullptr, nullptr);
+
+    const QStringList queries = {"c", "ca", "cat", "d", "do", "h", "ha", "cat d", "ca ha", "s"};
+    const auto answer = [&](const QString& text) {
+        SearchService::Query query;
+        query.text = text;
+        query.limit = 60;
+        return search.search(query).ids;
+    };
+    std::vector<QStringList> alone;
+    for (const QString& q : queries)
+        alone.push_back(answer(q));
+    std::atomic<int> mismatches{0};
+    std::vector<std::thread> clients;
+    for (int t = 0; t < 6; ++t)
+        clients.emplace_back([&, t] {
+            for (int i = 0; i < 400; ++i) {
+                const auto n = std::size_t((i + t) % queries.size());
+                mismatches += answer(queries[qsizetype(n)]) != alone[n];
+            }
+        });
+    for (std::thread& client : clients)
+        client.join();
+    EXPECT_EQ(mismatches, 0);
+    EXPECT_FALSE(alone[1].isEmpty());
 }
