@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: MIT
 // The paste as a user meets it, into the project's own recording target: a real program in
 // front, the hotkey, typing, Enter, and the user's clipboard checked afterwards with xclip.
+#include "base/apppaths.h"
 #include "pastefixture.h"
 
 #include <QBuffer>
 #include <QImage>
+#include <nlohmann/json.hpp>
 #include <xcb/xcb.h>
 
 TEST_F(PasteOnTheDesktop, EachPayloadPastesAndTheUsersClipboardComesBack) {
@@ -36,6 +38,9 @@ TEST_F(PasteOnTheDesktop, EachPayloadPastesAndTheUsersClipboardComesBack) {
         {PastePayload::jpegOnly, {"image/jpeg"}, "image/png", noise},
     };
     QSignalSpy finished(&paster(), &Paster::finished);
+    // With sharing on, every paste of a catalog item is also noted as a usage event.
+    DebugFlags::setValue(QStringLiteral("shareUsage"), true);
+    QStringList pasted;
     for (const Case& c : cases) {
         SCOPED_TRACE(rawValue(c.payload).toStdString());
         DebugFlags::setPastePayload(c.payload);
@@ -46,6 +51,7 @@ TEST_F(PasteOnTheDesktop, EachPayloadPastesAndTheUsersClipboardComesBack) {
         const qsizetype before = target.pastes().size();
         const QString id = pasteFirstResult();
         ASSERT_FALSE(id.isEmpty());
+        pasted.append(id);
         ASSERT_TRUE(QTest::qWaitFor([&] { return target.pastes().size() > before; }, 10000));
         const QJsonObject paste = target.pastes().last();
         const QStringList formats = formatsOf(paste);
@@ -62,6 +68,14 @@ TEST_F(PasteOnTheDesktop, EachPayloadPastesAndTheUsersClipboardComesBack) {
     }
     EXPECT_EQ(target.pastes().size(), cases.size());
     EXPECT_EQ(panel().target().identifier, QStringLiteral("orvane-paste-target"));
+    const QString events = AppPaths::dataDir() + QStringLiteral("/events_pending.jsonl");
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] { return TestEnv::readFile(events).count('\n') == cases.size(); }, 5000));
+    const auto first =
+        nlohmann::json::parse(TestEnv::readFile(events).split('\n').first().toStdString());
+    EXPECT_EQ(first["picked_id"], pasted.first().toStdString());
+    EXPECT_EQ(first["position"], 0);
+    EXPECT_EQ(first["method"], "paste");
 
     // A second Enter within half a second does nothing; once the guard is over it works again.
     QSignalSpy inserted(&panel(), &PanelController::inserted);
