@@ -4,15 +4,16 @@
 #include "search/remotesearch.h"
 #include "searchtesthelpers.h"
 #include "support/httptestserver.h"
-#include "telemetry/metrics.h"
+#include "telemetry/loggedevents.h"
 #include "userdata/userdata.h"
 
 #include <QTest>
 #include <QThreadPool>
 #include <condition_variable>
+#include <future>
+#include <latch>
 #include <map>
 #include <mutex>
-#include <set>
 
 using namespace SearchTest;
 
@@ -31,8 +32,16 @@ struct SeenRequest {
     }
 };
 
-// The cloud side: both dialects on one real server that records every request and answers
-// with the body set for its query. A held query waits for release(), to stay in flight.
+// An answer whose hits are catalog items with these space-separated ids.
+std::string hits(const char* ids) {
+    nlohmann::ordered_json list = nlohmann::ordered_json::array();
+    for (const QString& id : QString::fromUtf8(ids).split(u' ', Qt::SkipEmptyParts))
+        list.push_back(CatalogJson::encode(meme(id, QStringLiteral("from the cloud"))));
+    return nlohmann::ordered_json{{"hits", list}}.dump();
+}
+
+// Both dialects on one real server that records every request and answers with the status
+// and body set for its query. A held query waits until released, to stay in flight.
 class CloudServer {
 public:
     CloudServer() {
@@ -40,125 +49,104 @@ public:
             std::unique_lock lock(m_mutex);
             m_seen.push_back({req, nlohmann::json::parse(req.body, nullptr, false)});
             const std::string q = m_seen.back().query();
-            m_changed.wait(lock, [&] { return !m_held.count(q) || m_stopping; });
-            res.status = m_status;
-            const auto answer = m_answers.find(q);
-            res.set_content(answer == m_answers.end() ? R"({"hits":[]})" : answer->second,
-                            "application/json");
+            m_changed.wait(lock, [&] { return !m_held[q] || m_stopping; });
+            const auto [status, body] = m_answers.count(q) ? m_answers[q] : Reply{200, hits("")};
+            res.status = status;
+            res.set_content(body, "application/json");
         };
         // Closed connections let the server stop at once instead of after its keep-alive wait.
         m_http.server().set_keep_alive_max_count(1);
         m_http.server().Post(".*/indexes/memes/search", handle);
         m_http.server().Get(".*/v1/search", handle);
-        m_started = m_http.start();
+        if (!m_http.start())
+            ADD_FAILURE() << "no port for the cloud server";
     }
     ~CloudServer() {
-        set([&] { m_stopping = true; });
+        change([&] { m_stopping = true; });
         m_http.stop();
     }
 
-    bool started() const { return m_started; }
     QUrl url() const { return m_http.url(); }
-    void answer(const std::string& q, const MemeList& hits) {
-        nlohmann::ordered_json list = nlohmann::ordered_json::array();
-        for (const Meme& m : hits)
-            list.push_back(CatalogJson::encode(m));
-        answerRaw(q, nlohmann::ordered_json{{"hits", list}}.dump());
+    void answer(const std::string& q, std::string body, int status = 200) {
+        change([&] { m_answers[q] = {status, std::move(body)}; });
     }
-    void answerRaw(const std::string& q, std::string body) {
-        set([&] { m_answers[q] = std::move(body); });
-    }
-    void setStatus(int status) {
-        set([&] { m_status = status; });
-    }
-    void hold(const std::string& q) {
-        set([&] { m_held.insert(q); });
-    }
-    void release(const std::string& q) {
-        set([&] { m_held.erase(q); });
+    void hold(const std::string& q, bool held = true) {
+        change([&] { m_held[q] = held; });
     }
     std::vector<SeenRequest> seen() const {
         std::lock_guard lock(m_mutex);
         return m_seen;
     }
-    std::vector<std::string> queries() const {
-        std::vector<std::string> out;
-        for (const SeenRequest& r : seen())
-            out.push_back(r.query());
-        return out;
-    }
 
 private:
-    template <typename F> void set(F change) {
+    using Reply = std::pair<int, std::string>;
+    template <typename F> void change(F f) {
         {
             std::lock_guard lock(m_mutex);
-            change();
+            f();
         }
         m_changed.notify_all();
     }
 
     HttpTestServer m_http;
-    bool m_started = false;
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;
     std::vector<SeenRequest> m_seen;
-    std::map<std::string, std::string> m_answers;
-    std::set<std::string> m_held;
-    int m_status = 200;
+    std::map<std::string, Reply> m_answers;
+    std::map<std::string, bool> m_held;
     bool m_stopping = false;
 };
 
-// Collects the "glimmet.search" log lines written while it lives, from any thread.
-class SearchLog {
-public:
+// Collects the "glimmet.search" log lines written while it lives, from any thread: answers
+// are decoded, and their failures logged, on the pool.
+struct SearchLog {
     SearchLog() {
-        std::lock_guard lock(s_mutex);
-        s_lines.clear();
-        m_previous = qInstallMessageHandler(
-            [](QtMsgType, const QMessageLogContext& context, const QString& message) {
-                if (QLatin1String(context.category) == QLatin1String("glimmet.search")) {
-                    std::lock_guard lock(s_mutex);
-                    s_lines.append(message);
-                }
-            });
+        std::lock_guard lock(mutex);
+        lines.clear();
     }
-    ~SearchLog() { qInstallMessageHandler(m_previous); }
-    QStringList lines() const {
-        std::lock_guard lock(s_mutex);
-        return s_lines;
+    ~SearchLog() { qInstallMessageHandler(previous); }
+    QStringList read() const {
+        std::lock_guard lock(mutex);
+        return lines;
     }
-
-private:
-    static inline std::mutex s_mutex;
-    static inline QStringList s_lines;
-    QtMessageHandler m_previous;
+    static void collect(QtMsgType, const QMessageLogContext& context, const QString& message) {
+        std::lock_guard lock(mutex);
+        if (QLatin1String(context.category) == QLatin1String("glimmet.search"))
+            lines.append(message);
+    }
+    static inline std::mutex mutex;
+    static inline QStringList lines;
+    QtMessageHandler previous = qInstallMessageHandler(collect);
 };
 
 struct Answer {
     bool done = false;
     std::optional<MemeList> hits;
 };
-
-// Runs one search and waits for its completion.
-Answer searchOnce(RemoteSearch& client, const QString& text, bool hybrid = false) {
-    QObject context;
-    Answer answer;
-    client.search(text, hybrid, &context, [&](std::optional<MemeList> hits, double) {
+void startSearch(RemoteSearch& client, const QString& text, bool hybrid, QObject* context,
+                 Answer& answer) {
+    client.search(text, hybrid, context, [&answer](std::optional<MemeList> hits, double) {
         answer = {true, std::move(hits)};
     });
-    // A completion that never comes shows as done == false.
+}
+// A completion that never comes shows as done == false.
+Answer searchOnce(RemoteSearch& client, const char* text) {
+    QObject context;
+    Answer answer;
+    startSearch(client, QString::fromUtf8(text), false, &context, answer);
     (void)QTest::qWaitFor([&] { return answer.done; }, 10'000);
     return answer;
 }
 
-Meme cloudMeme(const char* id, const char* ocr = "from the cloud") {
-    return meme(QString::fromLatin1(id), QString::fromLatin1(ocr));
+QString currentIdentity() {
+    const auto client = RemoteSearch::current();
+    return client ? client->identity() : QStringLiteral("none");
 }
 
-// The picker over a catalog whose words match known items: "heron" h1 only, "stork" s1
-// only, "owl" o1..o3, "dog" d1 and d2, "cat" c0..c199.
+// The picker, talking to its own cloud, over a catalog whose words match known items:
+// "heron" h1 only, "stork" s1 only, "owl" o1..o3, "dog" d1 and d2, "cat" c0..c199.
 struct CloudPicker {
-    CloudPicker() {
+    explicit CloudPicker(bool worker = false) {
         for (const char* id :
              {"h1:heron", "s1:stork", "o1:owl", "o2:owl", "o3:owl", "d1:dog", "d2:dog"}) {
             const QString item = QString::fromLatin1(id);
@@ -167,45 +155,43 @@ struct CloudPicker {
         for (int i = 0; i < 200; ++i)
             memes.append(meme(QStringLiteral("c%1").arg(i), QStringLiteral("cat"), 200 - i));
         model.setIndex(std::shared_ptr<LocalIndex>(indexWith(memes)), memes);
+        worker ? useWorker() : useEngine();
     }
-    MemeStore::Options storeOptions() {
+    // The search-engine dialect comes from the user's settings, the worker from the API base.
+    void useEngine() {
+        settings = TestEnv::installConfig();
+        settings->set(QStringLiteral("searchURL"), cloud.url().toString().toStdString() + "/base");
+        settings->set(QStringLiteral("searchKey"), "secret");
+    }
+    void useWorker() {
+        settings =
+            TestEnv::installConfig({{QStringLiteral("MEME_API"), cloud.url().toString()},
+                                    {QStringLiteral("MEME_APP_KEY"), QStringLiteral("app-7")}});
+    }
+    QStringList shown() const { return idsOf(model.results()); }
+    // Only a merge writes the status without the caption hint.
+    bool merged() {
+        return QTest::qWaitFor([&] { return model.status().endsWith(cloudHints); }, 10'000);
+    }
+    bool typeAndMerge(const char* text) {
+        model.searchTextEdited(QString::fromUtf8(text));
+        return merged();
+    }
+    bool sent(std::size_t requests) {
+        return QTest::qWaitFor([&] { return cloud.seen().size() == requests; }, 10'000);
+    }
+
+    CloudServer cloud;
+    std::shared_ptr<SettingsStore> settings = TestEnv::installConfig();
+    QString root = TestEnv::freshDir();
+    Metrics log{root + QStringLiteral("/spike.jsonl")};
+    MemeStore store{[this] {
         MemeStore::Options o;
         o.base = QUrl(QStringLiteral("http://127.0.0.1:9/"));
         o.cacheDir = root + QStringLiteral("/full");
         o.metrics = &log;
         return o;
-    }
-    // The search-engine dialect through the user's settings.
-    void useEngine(const CloudServer& cloud) {
-        settings->set(QStringLiteral("searchURL"), cloud.url().toString().toStdString());
-        settings->set(QStringLiteral("searchKey"), "secret");
-    }
-    void useWorker(const CloudServer& cloud) {
-        settings = TestEnv::installConfig({{QStringLiteral("MEME_API"), cloud.url().toString()}});
-    }
-    QStringList shown() const { return idsOf(model.results()); }
-    // Types `text` and waits until the cloud answer is merged: only a merge writes the
-    // status without the caption hint.
-    bool typeAndMerge(const QString& text) {
-        model.searchTextEdited(text);
-        return QTest::qWaitFor([&] { return model.status().endsWith(cloudHints); }, 10'000);
-    }
-    std::vector<nlohmann::json> remoteEvents() {
-        log.flush();
-        std::vector<nlohmann::json> found;
-        for (const QByteArray& line : TestEnv::readFile(log.path()).split('\n')) {
-            const auto object = nlohmann::json::parse(line.toStdString(), nullptr, false);
-            if (object.is_object() && object["event"] == "search_remote")
-                found.push_back(object);
-        }
-        return found;
-    }
-
-    // No cloud until a test configures one.
-    std::shared_ptr<SettingsStore> settings = TestEnv::installConfig();
-    QString root = TestEnv::freshDir();
-    Metrics log{root + QStringLiteral("/spike.jsonl")};
-    MemeStore store{storeOptions()};
+    }()};
     UserData userData{root + QStringLiteral("/userdata.json")};
     PickerModel model{&store, &userData};
     MemeList memes;
@@ -213,410 +199,259 @@ struct CloudPicker {
 
 } // namespace
 
-TEST(RemoteSearch, ConfigurationChoosesTheDialectAfreshOnEachCall) {
+TEST(RemoteSearch, CurrentReadsTheConfigurationAfreshOnEachCall) {
     const QString api = QStringLiteral("http://127.0.0.1:7700/api");
     TestEnv::installConfig({{QStringLiteral("MEME_API"), api}});
-    auto client = RemoteSearch::current();
-    ASSERT_TRUE(client);
-    EXPECT_TRUE(client->isWorker());
-    EXPECT_EQ(client->identity(), QStringLiteral("worker:") + api);
-
+    EXPECT_EQ(currentIdentity(), QStringLiteral("worker:") + api);
     // The build-time key counts like the environment, and wins over the user's settings.
     auto settings = TestEnv::installConfig({}, {{QStringLiteral("MemeAPIBase"), api}});
     settings->set(QStringLiteral("searchURL"), "http://search.example:7700");
     settings->set(QStringLiteral("searchKey"), "k");
-    ASSERT_TRUE(RemoteSearch::current());
-    EXPECT_TRUE(RemoteSearch::current()->isWorker());
+    EXPECT_EQ(currentIdentity(), QStringLiteral("worker:") + api);
 
     settings = TestEnv::installConfig();
-    EXPECT_FALSE(RemoteSearch::current()) << "nothing configured";
-    settings->set(QStringLiteral("searchURL"), "http://search.example:7700");
-    EXPECT_FALSE(RemoteSearch::current()) << "no key";
-    settings->set(QStringLiteral("searchKey"), "");
-    EXPECT_FALSE(RemoteSearch::current()) << "empty key";
-    settings->set(QStringLiteral("searchKey"), "k1");
-    client = RemoteSearch::current();
-    ASSERT_TRUE(client);
-    EXPECT_FALSE(client->isWorker());
-    EXPECT_EQ(client->identity(), QStringLiteral("meili:http://search.example:7700:k1"));
-    settings->set(QStringLiteral("searchKey"), "k2");
-    EXPECT_EQ(RemoteSearch::current()->identity(),
-              QStringLiteral("meili:http://search.example:7700:k2"));
-    for (const char* bad : {"not a url", "search.example", "ftp://search.example", ""}) {
-        settings->set(QStringLiteral("searchURL"), bad);
-        EXPECT_FALSE(RemoteSearch::current()) << bad;
+    EXPECT_EQ(currentIdentity(), QStringLiteral("none"));
+    const char* const steps[][3] = {
+        {"searchURL", "http://search.example:7700", "none"}, // no key
+        {"searchKey", "", "none"},
+        {"searchKey", "k1", "meili:http://search.example:7700:k1"},
+        {"searchKey", "k2", "meili:http://search.example:7700:k2"},
+        {"searchURL", "not a url", "none"},
+        {"searchURL", "search.example", "none"},
+        {"searchURL", "ftp://search.example", "none"},
+        {"searchURL", "", "none"},
+    };
+    for (const auto& [key, value, identity] : steps) {
+        settings->set(QString::fromLatin1(key), value);
+        EXPECT_EQ(currentIdentity(), QLatin1String(identity)) << key << "=" << value;
     }
 }
 
-TEST(RemoteSearch, EngineDialectPostsTheQueryWithTheBearerKey) {
+TEST(RemoteSearch, FailuresLogOneLineButCancellingAndBadHitsAreSilent) {
+    TestEnv::installConfig();
     CloudServer cloud;
-    ASSERT_TRUE(cloud.started());
-    const auto client = RemoteSearch::engine(cloud.url().toString() + QStringLiteral("/base"),
-                                             QStringLiteral("s3cret"));
-    ASSERT_TRUE(client);
-    const QString text = QStringLiteral("grumpy cat+1 & “café”");
-    cloud.answer(text.toStdString(), {cloudMeme("b"), cloudMeme("a")});
-
-    const Answer plain = searchOnce(*client, text);
-    ASSERT_TRUE(plain.done && plain.hits);
-    EXPECT_EQ(idsOf(*plain.hits), ids({"b", "a"})) << "the server's order is kept";
-    searchOnce(*client, text, true);
-
-    const auto seen = cloud.seen();
-    ASSERT_EQ(seen.size(), 2u);
-    EXPECT_EQ(seen[0].req.method, "POST");
-    EXPECT_EQ(seen[0].req.path, "/base/indexes/memes/search");
-    EXPECT_EQ(seen[0].header("Authorization"), "Bearer s3cret");
-    EXPECT_EQ(seen[0].header("Content-Type"), "application/json");
-    EXPECT_EQ(seen[0].body, (nlohmann::json{{"q", text.toStdString()}, {"limit", 60}}));
-    EXPECT_EQ(seen[1].body["hybrid"],
-              (nlohmann::json{{"embedder", "openrouter"}, {"semanticRatio", 0.5}}));
-}
-
-TEST(RemoteSearch, WorkerDialectSendsTheInstallAndAppKeyHeaders) {
-    CloudServer cloud;
-    ASSERT_TRUE(cloud.started());
-    const QString text = QStringLiteral("a+b & c/é?#");
-    TestEnv::installConfig({{QStringLiteral("MEME_API"), cloud.url().toString()},
-                            {QStringLiteral("MEME_APP_KEY"), QStringLiteral("app-7")}});
-    searchOnce(*RemoteSearch::current(), text);
-    TestEnv::installConfig({{QStringLiteral("MEME_API"), cloud.url().toString()}});
-    searchOnce(*RemoteSearch::current(), text);
-
-    const auto seen = cloud.seen();
-    ASSERT_EQ(seen.size(), 2u);
-    EXPECT_EQ(seen[0].req.method, "GET");
-    EXPECT_EQ(seen[0].req.path, "/v1/search");
-    EXPECT_EQ(seen[0].query(), text.toStdString());
-    EXPECT_EQ(seen[0].req.target.substr(seen[0].req.target.find('?')),
-              "?q=a%2Bb%20%26%20c%2F%C3%A9%3F%23&limit=60&scope=memes");
-    EXPECT_EQ(seen[0].header("x-app-key"), "app-7");
-    EXPECT_FALSE(seen[1].req.has_header("x-app-key")) << "no key configured, none sent";
-    EXPECT_EQ(QString::fromStdString(seen[1].header("x-install-id")), DebugFlags::installID());
-    EXPECT_EQ(DebugFlags::installID().size(), 36);
-}
-
-TEST(RemoteSearch, BadAnswersGiveNoHitsAndOneLogLineButBadHitsAreOnlyDropped) {
-    CloudServer cloud;
-    ASSERT_TRUE(cloud.started());
     const auto client = RemoteSearch::worker(cloud.url());
     SearchLog log;
+    auto mixed = nlohmann::json::parse(hits("good1 good2"));
+    mixed["hits"].insert(mixed["hits"].begin() + 1, {{{"id", "no-other-fields"}}, 42});
+    cloud.answer("mixed", mixed.dump());
+    EXPECT_EQ(idsOf(searchOnce(*client, "mixed").hits.value_or(MemeList())),
+              ids({"good1", "good2"}));
+    EXPECT_FALSE(cloud.seen()[0].req.has_header("x-app-key")) << "no key configured, none sent";
 
-    nlohmann::ordered_json mixed = {{"hits", nlohmann::ordered_json::array()}};
-    mixed["hits"].push_back(CatalogJson::encode(cloudMeme("good1")));
-    mixed["hits"].push_back({{"id", "no-other-fields"}});
-    mixed["hits"].push_back(42);
-    mixed["hits"].push_back(CatalogJson::encode(cloudMeme("good2")));
-    cloud.answerRaw("mixed", mixed.dump());
-    const Answer kept = searchOnce(*client, QStringLiteral("mixed"));
-    ASSERT_TRUE(kept.hits);
-    EXPECT_EQ(idsOf(*kept.hits), ids({"good1", "good2"}));
-    EXPECT_TRUE(log.lines().isEmpty()) << log.lines().join(u'\n').toStdString();
+    cloud.answer("nohits", R"({"results":[]})");
+    cloud.answer("notjson", "<html>busy</html>");
+    cloud.answer("array", "[]");
+    cloud.answer("busy", hits("b1"), 500);
+    for (const char* q : {"nohits", "notjson", "array", "busy"})
+        EXPECT_FALSE(searchOnce(*client, q).hits) << q;
+    // Nothing listens on the discard port.
+    EXPECT_FALSE(
+        searchOnce(*RemoteSearch::worker(QUrl(QStringLiteral("http://127.0.0.1:9"))), "mixed")
+            .hits);
 
-    cloud.answerRaw("nohits", R"({"results":[]})");
-    cloud.answerRaw("notjson", "<html>busy</html>");
-    cloud.answerRaw("array", "[]");
-    for (const char* q : {"nohits", "notjson", "array"}) {
-        const Answer bad = searchOnce(*client, QString::fromLatin1(q));
-        EXPECT_TRUE(bad.done && !bad.hits) << q;
-    }
-    cloud.setStatus(500);
-    const Answer failed = searchOnce(*client, QStringLiteral("mixed"));
-    EXPECT_TRUE(failed.done && !failed.hits);
-    QUrl gone;
-    {
-        HttpTestServer closed;
-        ASSERT_TRUE(closed.start());
-        gone = closed.url();
-    }
-    const Answer unreachable = searchOnce(*RemoteSearch::worker(gone), QStringLiteral("mixed"));
-    EXPECT_TRUE(unreachable.done && !unreachable.hits);
-
-    const QStringList lines = log.lines();
-    ASSERT_EQ(lines.size(), 5) << lines.join(u'\n').toStdString();
-    for (const QString& line : lines)
-        EXPECT_TRUE(line.startsWith(QStringLiteral("remote search failed: ")))
-            << line.toStdString();
-    EXPECT_EQ(lines[3], QStringLiteral("remote search failed: HTTP 500"));
-    EXPECT_TRUE(lines[4].contains(QStringLiteral("refused"), Qt::CaseInsensitive))
-        << lines[4].toStdString();
-}
-
-TEST(RemoteSearch, CancellingIsSilentButATimeOutIsLogged) {
-    CloudServer cloud;
-    ASSERT_TRUE(cloud.started());
-    const auto client = RemoteSearch::worker(cloud.url());
+    // Never answered: a search replaced by the next one ends without hits or a log line, the
+    // others run into the time-out, in both dialects side by side.
     cloud.hold("slow");
-    SearchLog log;
-
+    const auto engine = RemoteSearch::engine(cloud.url().toString(), QStringLiteral("k"));
     QObject context;
-    Answer first;
-    client->search(QStringLiteral("slow"), false, &context,
-                   [&](std::optional<MemeList> hits, double) {
-                       first = {true, std::move(hits)};
-                   });
-    ASSERT_TRUE(QTest::qWaitFor([&] { return cloud.seen().size() == 1; }, 10'000));
+    Answer replaced, slowWorker, slowEngine;
+    startSearch(*client, QStringLiteral("slow"), false, &context, replaced);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return cloud.seen().size() == 6; }, 10'000));
     EXPECT_TRUE(client->isBusy());
-    // A new search replaces the one in flight.
-    const Answer second = searchOnce(*client, QStringLiteral("quick"));
-    EXPECT_TRUE(second.hits);
-    EXPECT_TRUE(first.done && !first.hits) << "the replaced request completes without hits";
-    EXPECT_TRUE(log.lines().isEmpty()) << log.lines().join(u'\n').toStdString();
+    startSearch(*client, QStringLiteral("slow"), false, &context, slowWorker);
+    startSearch(*engine, QStringLiteral("slow"), true, &context, slowEngine);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return replaced.done && slowWorker.done && slowEngine.done; },
+                                10'000));
+    EXPECT_FALSE(replaced.hits || slowWorker.hits || slowEngine.hits);
+    cloud.hold("slow", false);
 
-    client->setTimeoutMs(200);
-    const Answer timedOut = searchOnce(*client, QStringLiteral("slow"));
-    EXPECT_TRUE(timedOut.done && !timedOut.hits);
-    ASSERT_EQ(log.lines().size(), 1);
-    EXPECT_TRUE(log.lines()[0].startsWith(QStringLiteral("remote search failed: ")));
-    cloud.release("slow");
+    const QStringList lines = log.read();
+    ASSERT_EQ(lines.size(), 7) << lines.join(u'\n').toStdString();
+    for (const QString& line : lines)
+        EXPECT_TRUE(line.startsWith(QStringLiteral("remote search failed: ")));
+    EXPECT_EQ(lines[3], QStringLiteral("remote search failed: HTTP 500"));
+    EXPECT_TRUE(lines[4].contains(QStringLiteral("refused"), Qt::CaseInsensitive));
+    EXPECT_EQ(lines.mid(5),
+              QStringList(2, QStringLiteral("remote search failed: no answer within 4000 ms")));
 }
 
-// --- Scheduling from the picker ---
-
-TEST(PickerRemote, TypingQuicklySendsOneRequestForTheLastText) {
-    for (const bool worker : {false, true}) {
-        SCOPED_TRACE(worker ? "worker" : "search engine");
-        CloudServer cloud;
-        ASSERT_TRUE(cloud.started());
-        CloudPicker p;
-        worker ? p.useWorker(cloud) : p.useEngine(cloud);
-        cloud.answer("zqxwv", {cloudMeme("z1")});
-        for (const char* text : {"z", "zq", "zqx", "zqxw", "zqxwv"})
-            p.model.searchTextEdited(QString::fromLatin1(text));
-        EXPECT_TRUE(cloud.seen().empty()) << "nothing goes out before the pause";
-        ASSERT_TRUE(p.typeAndMerge(QStringLiteral("zqxwv")));
-        EXPECT_EQ(cloud.queries(), std::vector<std::string>{"zqxwv"});
-        EXPECT_EQ(p.shown(), ids({"z1"}));
-        EXPECT_EQ(p.model.status(), QStringLiteral("1 results (+1 from cloud)") + cloudHints);
-    }
-}
-
-TEST(PickerRemote, WorkerIsAskedOnlyWhenTheLocalIndexFindsAlmostNothing) {
-    CloudServer cloud;
-    ASSERT_TRUE(cloud.started());
-    CloudPicker p;
-    p.useWorker(cloud);
-    // Three local results, two characters, and queries without words stay local.
+TEST(PickerRemote, EachDialectWaitsForAPauseAndAsksWhenItsRuleSays) {
+    CloudPicker p(true);
+    // The worker: three local results, two characters, and queries without words stay local.
     for (const char* text : {"owl", "cat", "zq", " zq ", "", "   "}) {
         p.model.searchTextEdited(QString::fromLatin1(text));
         EXPECT_TRUE(QTest::qWaitFor([&] { return !p.model.remotePending(); }, 10'000));
-        EXPECT_TRUE(cloud.seen().empty()) << text;
+        EXPECT_TRUE(p.cloud.seen().empty()) << text;
     }
-    cloud.answer("dog", {cloudMeme("x1")});
-    ASSERT_TRUE(p.typeAndMerge(QStringLiteral("dog")));
-    ASSERT_TRUE(p.typeAndMerge(QStringLiteral("zzz")));
-    EXPECT_EQ(cloud.queries(), (std::vector<std::string>{"dog", "zzz"}));
-    EXPECT_EQ(p.model.status(), QStringLiteral("0 results") + cloudHints);
-}
-
-TEST(PickerRemote, SearchEngineIsAskedForEveryQueryWithWords) {
-    CloudServer cloud;
-    ASSERT_TRUE(cloud.started());
-    CloudPicker p;
-    p.useEngine(cloud);
-    for (const char* text : {"", "   "}) {
+    p.cloud.answer("heron", hits("x1"));
+    for (const char* text : {"h", "he", "her", "hero", "heron"})
         p.model.searchTextEdited(QString::fromLatin1(text));
+    EXPECT_TRUE(p.cloud.seen().empty()) << "nothing goes out before the pause";
+    ASSERT_TRUE(p.merged());
+    EXPECT_EQ(p.model.status(), QStringLiteral("2 results (+1 from cloud)") + cloudHints);
+    ASSERT_TRUE(p.typeAndMerge("zz+y & é/“x”?#"));
+    EXPECT_EQ(p.model.status(), QStringLiteral("0 results") + cloudHints);
+    EXPECT_EQ(QString::fromStdString(p.cloud.seen()[1].header("x-install-id")),
+              DebugFlags::installID());
+    ASSERT_TRUE(p.typeAndMerge("dog")) << "two local results are still few";
+
+    // The search engine: every query with words.
+    p.useEngine();
+    for (const char* empty : {"", "   "}) {
+        p.model.searchTextEdited(QString::fromLatin1(empty));
         EXPECT_FALSE(p.model.remotePending()) << "the empty query is never sent";
     }
-    ASSERT_TRUE(p.typeAndMerge(QStringLiteral("cat")));
-    ASSERT_TRUE(p.typeAndMerge(QStringLiteral("ow")));
-    EXPECT_EQ(cloud.queries(), (std::vector<std::string>{"cat", "ow"}));
-    EXPECT_EQ(cloud.seen()[0].body.count("hybrid"), 0u);
-
+    p.model.searchTextEdited(QStringLiteral("o"));
+    ASSERT_TRUE(p.typeAndMerge("ow"));
     p.settings->set(QStringLiteral("semanticSearch"), true);
-    ASSERT_TRUE(p.typeAndMerge(QStringLiteral("owl")));
-    EXPECT_EQ(cloud.seen().back().body["hybrid"]["semanticRatio"], 0.5);
-    const auto events = p.remoteEvents();
-    ASSERT_EQ(events.size(), 3u);
-    EXPECT_EQ(events[2]["q"], "owl");
-    EXPECT_EQ(events[2]["hits"], 0);
-    EXPECT_EQ(events[2]["added"], 0);
-    EXPECT_EQ(events[2]["hybrid"], true);
-    EXPECT_EQ(events[0]["hybrid"], false);
-    EXPECT_TRUE(events[2]["ms"].is_number());
+    ASSERT_TRUE(p.typeAndMerge("owl"));
+
+    const auto seen = p.cloud.seen();
+    ASSERT_EQ(seen.size(), 5u);
+    EXPECT_EQ(seen[0].query(), "heron");
+    // A '+' left bare would read as a space.
+    EXPECT_EQ(
+        seen[1].req.method + " " + seen[1].req.target,
+        "GET /v1/search?q=zz%2By%20%26%20%C3%A9%2F%E2%80%9Cx%E2%80%9D%3F%23&limit=60&scope=memes");
+    EXPECT_EQ(seen[1].header("x-app-key"), "app-7");
+    EXPECT_EQ(seen[3].req.method + " " + seen[3].req.path, "POST /base/indexes/memes/search");
+    EXPECT_EQ(seen[3].header("Authorization"), "Bearer secret");
+    EXPECT_EQ(seen[3].header("Content-Type"), "application/json");
+    EXPECT_EQ(seen[3].body, (nlohmann::json{{"q", "ow"}, {"limit", 60}}));
+    EXPECT_EQ(seen[4].body["hybrid"],
+              (nlohmann::json{{"embedder", "openrouter"}, {"semanticRatio", 0.5}}));
+
+    auto events = loggedEvents(p.log, "search_remote");
+    ASSERT_EQ(events.size(), 5u);
+    EXPECT_TRUE(events[0]["ms"].is_number());
+    EXPECT_EQ(events[4]["hybrid"], true);
+    events[0].erase("ms");
+    events[0].erase("t");
+    EXPECT_EQ(events[0].dump(),
+              R"({"added":1,"event":"search_remote","hits":1,"hybrid":false,"q":"heron"})");
 }
 
-// --- Fusion ---
-
-TEST(PickerRemote, SharedFirstPlaceLeadsAndEqualScoresGoInIdOrder) {
-    CloudServer cloud;
-    ASSERT_TRUE(cloud.started());
-    CloudPicker p;
-    p.useEngine(cloud);
-
-    // h1 is first locally and in the cloud: 1/60 + 1/60. The local record is shown.
-    cloud.answer("heron", {cloudMeme("h1", "the cloud's copy"), cloudMeme("zz")});
-    ASSERT_TRUE(p.typeAndMerge(QStringLiteral("heron")));
-    EXPECT_EQ(p.shown(), ids({"h1", "zz"}));
-    EXPECT_EQ(p.model.results()[0].ocr_text, QStringLiteral("heron"));
-    EXPECT_EQ(p.model.status(), QStringLiteral("2 results (+1 from cloud)") + cloudHints);
-
-    // s1 first locally and a cloud item first remotely tie at 1/60: the lower id goes first,
-    // whichever source it came from.
-    cloud.answer("stork", {cloudMeme("a9")});
-    ASSERT_TRUE(p.typeAndMerge(QStringLiteral("stork")));
-    EXPECT_EQ(p.shown(), ids({"a9", "s1"}));
-    cloud.answer("Stork", {cloudMeme("z9")});
-    ASSERT_TRUE(p.typeAndMerge(QStringLiteral("Stork")));
-    EXPECT_EQ(p.shown(), ids({"s1", "z9"}));
+TEST(PickerRemote, FusionRanksByReciprocalRankWithBoostsAndIdOrderOnTies) {
+    struct Case {
+        const char* query;
+        const char* cloud;  // the cloud's hits, best first
+        const char* boosts; // "*id" a favourite, "id:query:n" n earlier picks
+        const char* front;  // how the list starts
+        const char* status;
+    };
+    const Case cases[] = {
+        // First in both lists (2/60), h1 leads, as its local record.
+        {"heron", "h1 zz", "", "h1 zz", "2 results (+1 from cloud)"},
+        // Equal scores (1/60) go in id order, whichever side an item came from.
+        {"stork", "a9", "", "a9 s1", "2 results (+1 from cloud)"},
+        {"stork", "z9", "", "s1 z9", "2 results (+1 from cloud)"},
+        {"stork", "a9", "*s1", "s1 a9", "2 results (+1 from cloud)"},
+        // Picks for the same folded query count, up to five; picks for another query do not.
+        {"HERON", "five nine one", "five:heron:5 nine:Héron:9 one:heron:1 h1:herons:5",
+         "five nine one h1", "4 results (+3 from cloud)"},
+        // With k = 60 one pick lifts rank 18 past the local first (1/78 + 0.004 > 1/60) but
+        // not rank 19 (1/79 + 0.004 < 1/60); with k = 61 both would pass.
+        {"heron", "f00 f01 f02 f03 f04 f05 f06 f07 f08 f09 f10 f11 f12 f13 f14 f15 f16 f17 f18 f19",
+         "f18:heron:1 f19:heron:1", "f18 f00 h1 f19 f01", "21 results (+20 from cloud)"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.query) + " / " + c.cloud);
+        CloudPicker p;
+        p.cloud.answer(c.query, hits(c.cloud));
+        for (const QString& boost : QString::fromUtf8(c.boosts).split(u' ', Qt::SkipEmptyParts)) {
+            if (boost.startsWith(u'*'))
+                p.userData.toggleFavorite(boost.mid(1));
+            for (int i = 0; i < boost.section(u':', 2).toInt(); ++i)
+                p.userData.recordPick(boost.section(u':', 0, 0), boost.section(u':', 1, 1));
+        }
+        ASSERT_TRUE(p.typeAndMerge(c.query));
+        const QStringList front = QString::fromLatin1(c.front).split(u' ');
+        EXPECT_EQ(p.shown().mid(0, front.size()), front);
+        EXPECT_EQ(p.model.status(), QLatin1String(c.status) + cloudHints);
+        if (const qsizetype h1 = p.shown().indexOf(QStringLiteral("h1")); h1 >= 0) {
+            EXPECT_EQ(p.model.results()[h1].ocr_text, QStringLiteral("heron"));
+        }
+    }
 }
 
-TEST(PickerRemote, FavouritesAndEarlierPicksLiftItemsWithTheHistoryCapped) {
-    CloudServer cloud;
-    ASSERT_TRUE(cloud.started());
+TEST(PickerRemote, MergeKeepsOwnItemsFirstCutsToTheWindowAndFollowsAMovedSelection) {
     CloudPicker p;
-    p.useEngine(cloud);
+    p.model.setMine({meme(QStringLiteral("g_1"), QStringLiteral("my cat"))});
+    p.cloud.answer("cat", hits("k0 k1 k2 k3 k4 k5 k6 k7 k8 k9"));
+    ASSERT_TRUE(p.typeAndMerge("cat"));
+    EXPECT_EQ(p.shown().mid(0, 3), ids({"g_1", "c0", "k0"}));
+    EXPECT_EQ(p.model.status(), QStringLiteral("60 results (+10 from cloud)") + cloudHints);
 
-    // Tied with s1 at 1/60 and ahead by id, a9 falls behind once s1 is a favourite.
-    cloud.answer("stork", {cloudMeme("a9")});
-    p.userData.toggleFavorite(QStringLiteral("s1"));
-    ASSERT_TRUE(p.typeAndMerge(QStringLiteral("stork")));
-    EXPECT_EQ(p.shown(), ids({"s1", "a9"}));
+    // Paged on while the answer is in flight, the merged list fills the larger window.
+    p.cloud.hold("cat");
+    p.model.searchTextEdited(QStringLiteral("cat"));
+    ASSERT_TRUE(p.sent(2));
+    p.model.loadMoreIfNeeded(59);
+    p.cloud.hold("cat", false);
+    ASSERT_TRUE(p.merged());
+    EXPECT_EQ(p.model.results().size(), 120);
+    EXPECT_EQ(p.shown()[0], QStringLiteral("g_1"));
+    EXPECT_EQ(p.cloud.seen().size(), 2u) << "paging does not ask the cloud again";
 
-    // "five" leads "nine" by rank; nine's extra picks beyond five add nothing.
-    cloud.answer("HERON", {cloudMeme("five"), cloudMeme("nine"), cloudMeme("one")});
-    for (int i = 0; i < 5; ++i)
-        p.userData.recordPick(QStringLiteral("five"), QStringLiteral("heron"));
-    for (int i = 0; i < 9; ++i)
-        p.userData.recordPick(QStringLiteral("nine"), QStringLiteral("Héron"));
-    p.userData.recordPick(QStringLiteral("one"), QStringLiteral("heron"));
-    // A pick for another query does not count.
-    for (int i = 0; i < 5; ++i)
-        p.userData.recordPick(QStringLiteral("h1"), QStringLiteral("herons"));
-    ASSERT_TRUE(p.typeAndMerge(QStringLiteral("HERON")));
-    // five 1/60+0.020, nine 1/61+0.020, one 1/62+0.004, h1 1/60.
-    EXPECT_EQ(p.shown(), ids({"five", "nine", "one", "h1"}));
-    EXPECT_EQ(p.model.status(), QStringLiteral("4 results (+3 from cloud)") + cloudHints);
-}
-
-TEST(PickerRemote, OnePickIsWorthEighteenRanksAgainstTheLocalFirst) {
-    CloudServer cloud;
-    ASSERT_TRUE(cloud.started());
-    CloudPicker p;
-    p.useEngine(cloud);
-    MemeList hits;
-    for (int i = 0; i < 20; ++i)
-        hits.append(cloudMeme(qPrintable(QStringLiteral("f%1").arg(i, 2, 10, QLatin1Char('0')))));
-    cloud.answer("heron", hits);
-    p.userData.recordPick(QStringLiteral("f18"), QStringLiteral("heron"));
-    p.userData.recordPick(QStringLiteral("f19"), QStringLiteral("heron"));
-    ASSERT_TRUE(p.typeAndMerge(QStringLiteral("heron")));
-    // h1 has 1/60; f18 1/78 + 0.004 just passes it, f19 1/79 + 0.004 just falls short.
-    const QStringList shown = p.shown();
-    EXPECT_LT(shown.indexOf(QStringLiteral("f18")), shown.indexOf(QStringLiteral("h1")));
-    EXPECT_GT(shown.indexOf(QStringLiteral("f19")), shown.indexOf(QStringLiteral("h1")));
-}
-
-TEST(PickerRemote, SelectionStaysOnAMovedCellAndOtherwiseReturnsToTheFirst) {
-    CloudServer cloud;
-    ASSERT_TRUE(cloud.started());
-    CloudPicker p;
-    p.useEngine(cloud);
-    cloud.answer("owl", {cloudMeme("n1"), cloudMeme("n2")});
-
-    ASSERT_TRUE(p.typeAndMerge(QStringLiteral("owl")));
+    // owl: o1 o2 o3 locally and n1 n2 from the cloud fuse to n1 o1 n2 o2 o3.
+    p.cloud.answer("owl", hits("n1 n2"));
+    ASSERT_TRUE(p.typeAndMerge("owl"));
     EXPECT_EQ(p.model.selected(), 0);
-    EXPECT_EQ(p.model.results().size(), 5);
-
     p.model.searchTextEdited(QStringLiteral("owl"));
     p.model.moveBy(2);
-    const QString chosen = p.model.selectedItem()->id;
-    ASSERT_TRUE(QTest::qWaitFor([&] { return p.model.status().endsWith(cloudHints); }, 10'000));
-    EXPECT_EQ(p.model.selectedItem()->id, chosen);
-    EXPECT_NE(p.model.selected(), 2) << "the chosen item moved, the selection followed it";
+    ASSERT_TRUE(p.merged());
+    EXPECT_EQ(p.model.selectedItem()->id, QStringLiteral("o3"));
+    EXPECT_EQ(p.model.selected(), 4);
 }
 
-TEST(PickerRemote, MergedListIsCutToThePageAndPagingReturnsToTheLocalRanking) {
-    CloudServer cloud;
-    ASSERT_TRUE(cloud.started());
+TEST(PickerRemote, AKeystrokeOrTabSwitchCancelsTheRequestAndNoLateAnswerShows) {
     CloudPicker p;
-    p.useEngine(cloud);
-    MemeList hits;
-    for (int i = 0; i < 10; ++i)
-        hits.append(cloudMeme(qPrintable(QStringLiteral("k%1").arg(i))));
-    cloud.answer("cat", hits);
-
-    ASSERT_TRUE(p.typeAndMerge(QStringLiteral("cat")));
-    EXPECT_EQ(p.model.results().size(), 60);
-    EXPECT_EQ(p.model.status(), QStringLiteral("60 results (+10 from cloud)") + cloudHints);
-    EXPECT_TRUE(p.shown().contains(QStringLiteral("k0")));
-
-    p.model.loadMoreIfNeeded(59);
-    EXPECT_EQ(p.model.results().size(), 120);
-    EXPECT_FALSE(p.shown().contains(QStringLiteral("k0")));
-    EXPECT_TRUE(cloud.seen().size() == 1) << "paging does not ask the cloud again";
-}
-
-// --- Stale answers ---
-
-TEST(PickerRemote, AnAnswerForAnOlderQueryOrAnotherTabNeverShows) {
-    CloudServer cloud;
-    ASSERT_TRUE(cloud.started());
-    CloudPicker p;
-    p.useEngine(cloud);
-    cloud.answer("hero", {cloudMeme("stale")});
-    cloud.answer("heron", {cloudMeme("fresh")});
-    cloud.hold("hero");
-
-    p.model.searchTextEdited(QStringLiteral("hero"));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return cloud.seen().size() == 1; }, 10'000));
-    ASSERT_TRUE(p.typeAndMerge(QStringLiteral("heron")));
-    cloud.release("hero");
-    EXPECT_EQ(p.shown(), ids({"fresh", "h1"}));
-
-    // A tab switch drops the request in flight; the Recent tab never shows cloud items.
-    cloud.hold("heron");
+    p.cloud.answer("heron", hits("late"));
+    p.cloud.hold("heron");
     p.model.searchTextEdited(QStringLiteral("heron"));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return cloud.seen().size() == 3; }, 10'000));
+    ASSERT_TRUE(p.sent(1));
+    EXPECT_TRUE(p.model.remotePending());
+    // The empty query sends nothing, so only the old request could still be pending.
+    p.model.searchTextEdited(QString());
+    EXPECT_FALSE(p.model.remotePending());
+
+    p.model.searchTextEdited(QStringLiteral("heron"));
+    ASSERT_TRUE(p.sent(2));
     p.model.switchTab(PickerModel::Tab::recent);
     EXPECT_FALSE(p.model.remotePending());
-    cloud.release("heron");
+    p.cloud.hold("heron", false);
     // Another round trip to the same server gives a late answer every chance to arrive.
-    const auto other = RemoteSearch::worker(cloud.url());
-    EXPECT_TRUE(searchOnce(*other, QStringLiteral("ping")).hits);
+    EXPECT_TRUE(searchOnce(*RemoteSearch::worker(p.cloud.url()), "ping").hits);
     EXPECT_TRUE(p.shown().isEmpty());
-    EXPECT_EQ(p.remoteEvents().size(), 1u);
+    EXPECT_TRUE(loggedEvents(p.log, "search_remote").empty());
 }
 
 TEST(PickerRemote, AnAnswerDecodedAfterTheQueryChangedIsDropped) {
-    CloudServer cloud;
-    ASSERT_TRUE(cloud.started());
     CloudPicker p;
-    p.useEngine(cloud);
-    cloud.answer("heron", {cloudMeme("late")});
-
+    p.cloud.answer("heron", hits("late"));
     // Answers are decoded on the global pool: keep it busy so the "heron" answer has
     // arrived, past any cancellation, but reaches the model only after the next query.
     QThreadPool& pool = *QThreadPool::globalInstance();
-    std::mutex mutex;
-    std::condition_variable changed;
-    int running = 0;
-    bool released = false;
+    std::latch busy(pool.maxThreadCount());
+    std::promise<void> release;
+    const std::shared_future<void> released = release.get_future().share();
     for (int i = 0; i < pool.maxThreadCount(); ++i)
-        pool.start([&] {
-            std::unique_lock lock(mutex);
-            ++running;
-            changed.notify_all();
-            changed.wait(lock, [&] { return released; });
+        pool.start([&busy, released] {
+            busy.count_down();
+            released.wait();
         });
-    {
-        std::unique_lock lock(mutex);
-        changed.wait(lock, [&] { return running == pool.maxThreadCount(); });
-    }
+    busy.wait();
     p.model.searchTextEdited(QStringLiteral("heron"));
-    EXPECT_TRUE(
-        QTest::qWaitFor([&] { return !cloud.seen().empty() && !p.model.remotePending(); }, 10'000));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !p.cloud.seen().empty() && !p.model.remotePending(); },
+                                10'000));
     p.model.searchTextEdited(QStringLiteral("stork"));
-    {
-        std::lock_guard lock(mutex);
-        released = true;
-    }
-    changed.notify_all();
+    release.set_value();
     pool.waitForDone();
 
-    ASSERT_TRUE(QTest::qWaitFor([&] { return p.model.status().endsWith(cloudHints); }, 10'000));
+    ASSERT_TRUE(p.merged());
     EXPECT_EQ(p.shown(), ids({"s1"}));
-    const auto events = p.remoteEvents();
+    const auto events = loggedEvents(p.log, "search_remote");
     ASSERT_EQ(events.size(), 1u);
     EXPECT_EQ(events[0]["q"], "stork");
 }
