@@ -3,6 +3,7 @@
 
 #include "base/background.h"
 #include "base/logcategories.h"
+#include "base/urlpath.h"
 
 #include <QCryptographicHash>
 #include <QNetworkReply>
@@ -78,12 +79,7 @@ QString CatalogFetcher::signature(const QByteArray& bytes) {
 }
 
 QNetworkReply* CatalogFetcher::get(const QString& document) {
-    QUrl url = m_base;
-    QString path = url.path();
-    if (!path.endsWith(QLatin1Char('/')))
-        path += QLatin1Char('/');
-    url.setPath(path + document);
-    QNetworkRequest request(url);
+    QNetworkRequest request(appendedPath(m_base, document));
     request.setMaximumRedirectsAllowed(maxRedirects);
     return m_network.get(request);
 }

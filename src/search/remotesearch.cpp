@@ -3,6 +3,7 @@
 
 #include "base/background.h"
 #include "base/logcategories.h"
+#include "base/urlpath.h"
 #include "catalog/debugflags.h"
 #include "telemetry/metrics.h"
 
@@ -17,14 +18,6 @@ namespace {
 // Marks a reply this client aborted itself; Qt reports its own transfer time-out with the
 // same OperationCanceledError, and only the time-out is worth a log line.
 constexpr char cancelledProperty[] = "glimmetCancelled";
-
-QUrl withPath(QUrl base, const QString& path) {
-    QString joined = base.path();
-    if (!joined.endsWith(u'/'))
-        joined += u'/';
-    base.setPath(joined + path);
-    return base;
-}
 
 void postCompletion(QObject* context, RemoteSearch::Completion done, std::optional<MemeList> hits,
                     double ms) {
@@ -132,7 +125,7 @@ QNetworkReply* RemoteSearch::start(const QString& text, bool hybrid) {
         const QString query =
             QStringLiteral("q=%1&limit=%2&scope=memes")
                 .arg(QString::fromLatin1(QUrl::toPercentEncoding(text)), QString::number(hitLimit));
-        QUrl url = withPath(m_base, QStringLiteral("v1/search"));
+        QUrl url = appendedPath(m_base, QStringLiteral("v1/search"));
         url.setQuery(query, QUrl::StrictMode);
         request.setUrl(url);
         request.setRawHeader("x-install-id", DebugFlags::installID().toUtf8());
@@ -141,7 +134,7 @@ QNetworkReply* RemoteSearch::start(const QString& text, bool hybrid) {
         return session().get(request);
     }
 
-    request.setUrl(withPath(m_base, QStringLiteral("indexes/memes/search")));
+    request.setUrl(appendedPath(m_base, QStringLiteral("indexes/memes/search")));
     request.setRawHeader("Authorization", "Bearer " + m_key.toUtf8());
     request.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("application/json"));
     nlohmann::ordered_json body = {{"q", text.toStdString()}, {"limit", hitLimit}};

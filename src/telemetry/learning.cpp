@@ -3,6 +3,7 @@
 
 #include "base/apppaths.h"
 #include "base/logcategories.h"
+#include "base/urlpath.h"
 #include "catalog/debugflags.h"
 
 #include <QDateTime>
@@ -20,14 +21,6 @@ const QString inflightName = QStringLiteral("events_inflight.jsonl");
 
 bool isOwnItem(const QString& id) {
     return id.startsWith(QLatin1String("g_"));
-}
-
-QUrl eventsURL(QUrl base) {
-    QString path = base.path();
-    if (!path.endsWith(QLatin1Char('/')))
-        path += QLatin1Char('/');
-    base.setPath(path + QStringLiteral("v1/events"));
-    return base;
 }
 
 // The events of a batch file as one JSON array; lines that do not parse are left out.
@@ -141,7 +134,7 @@ void Learning::flush() {
 void Learning::upload(const QByteArray& body, int events) {
     if (!m_network)
         m_network = new QNetworkAccessManager(this);
-    QNetworkRequest request(eventsURL(m_options.apiBase()));
+    QNetworkRequest request(appendedPath(m_options.apiBase(), QStringLiteral("v1/events")));
     request.setHeader(QNetworkRequest::ContentTypeHeader, QStringLiteral("application/json"));
     request.setRawHeader("x-install-id", m_options.installID().toUtf8());
     if (const auto key = m_options.appKey())
