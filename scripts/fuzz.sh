@@ -54,8 +54,13 @@ for name in "${targets[@]}"; do
     if [[ "$crashes" != 0 ]]; then
         failed=1
         echo "  log: $artifacts/log"
+        # CI keeps only what is printed: the end of the log and each input in base64.
+        tail -n 40 "$artifacts/log" | sed 's/^/  | /'
         find "$artifacts" -name 'crash-*' -o -name 'leak-*' -o -name 'timeout-*' -o -name 'oom-*' |
-            sed 's/^/  input: /'
+            while read -r input; do
+                echo "  input: $input"
+                head -c 4096 "$input" | base64 -w 100 | sed 's/^/    /'
+            done
     fi
 done
 exit "$failed"
