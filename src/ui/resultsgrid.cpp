@@ -4,12 +4,15 @@
 #include <QApplication>
 #include <QMouseEvent>
 #include <QPainter>
+#include <QPainterPath>
 
 namespace {
 
-// ThumbnailDelegate's margins around a thumbnail (cell inset plus image inset), so the image
-// leaves the cell exactly where it stood.
-constexpr int thumbnailInset = 7;
+// ThumbnailDelegate's geometry (cell inset, image inset, corner radius), so the image leaves
+// the cell looking as it stood there.
+constexpr int cellInset = 3;
+constexpr int imageInset = 4;
+constexpr qreal cornerRadius = 8;
 
 } // namespace
 
@@ -23,10 +26,15 @@ QPixmap ResultsGrid::dragImage(const QModelIndex& index) const {
     image.setDevicePixelRatio(ratio);
     image.fill(Qt::transparent);
     QPainter painter(&image);
-    painter.setRenderHint(QPainter::SmoothPixmapTransform);
-    const QRectF inner =
-        QRectF(QPointF(0, 0), cell.size())
-            .adjusted(thumbnailInset, thumbnailInset, -thumbnailInset, -thumbnailInset);
+    painter.setRenderHints(QPainter::Antialiasing | QPainter::SmoothPixmapTransform);
+    // The cell's own card behind the thumbnail: without a compositor the desktop shows the
+    // image's transparent parts as an opaque box, which the card then fills.
+    const QRectF card =
+        QRectF(QPointF(0, 0), cell.size()).adjusted(cellInset, cellInset, -cellInset, -cellInset);
+    QPainterPath rounded;
+    rounded.addRoundedRect(card, cornerRadius, cornerRadius);
+    painter.fillPath(rounded, palette().color(QPalette::AlternateBase));
+    const QRectF inner = card.adjusted(imageInset, imageInset, -imageInset, -imageInset);
     const QSizeF size = thumbnail.deviceIndependentSize().scaled(inner.size(), Qt::KeepAspectRatio);
     painter.drawPixmap(QRectF(inner.center() - QPointF(size.width() / 2, size.height() / 2), size),
                        thumbnail, thumbnail.rect());
