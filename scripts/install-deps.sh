@@ -17,8 +17,9 @@ packages=(
     # The accessibility bus, through which a paste asks what has the keyboard, and GTK's
     # bridge to it.
     at-spi2-core libatk-adaptor
-    # Programs the paste tests paste into, a tray for the tray test, setxkbmap.
-    mousepad chromium trayer x11-xkb-utils
+    # Programs the paste tests paste into, a tray for the tray test, setxkbmap; a file
+    # manager the drag tests drop into.
+    mousepad chromium trayer x11-xkb-utils pcmanfm
     # The fuzz targets: clang with libFuzzer and the sanitizer runtimes.
     clang libclang-rt-dev
 )

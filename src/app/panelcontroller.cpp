@@ -4,6 +4,7 @@
 #include "base/logcategories.h"
 #include "catalog/debugflags.h"
 #include "catalog/memestore.h"
+#include "insert/dragsource.h"
 #include "insert/paster.h"
 #include "platform/clipboardreader.h"
 #include "platform/focusprobe.h"
@@ -37,9 +38,10 @@ PanelController::PanelController(PickerModel& model, MemeStore& store, Thumbnail
         });
     connect(&m_model, &PickerModel::insertRequested, this, &PanelController::insert);
     connect(m_panel.get(), &PickerPanel::dismissed, this, &PanelController::cancelWaitingInsert);
+    connectDrags();
     connect(&m_store, &MemeStore::downloadProgress, this,
             [this](const QString& id, qint64 received, qint64 total) {
-                if (id == m_waitingFor)
+                if (id == m_waitingFor || id == m_dragWaitingFor)
                     m_panel->setInsertProgress(id,
                                                total > 0 ? double(received) / double(total) : -1.0);
             });
@@ -109,15 +111,7 @@ void PanelController::insert(const Meme& meme) {
     if (m_inserting)
         return;
     m_inserting = true;
-    m_userData.recordPick(meme.id, m_model.query());
-    if (meme.id.startsWith(QLatin1String("g_"))) {
-        Metrics::log(QStringLiteral("insert_mine"), {{"method", "paste"}});
-    } else if (m_learning) {
-        QStringList shown;
-        for (const Meme& result : m_model.results())
-            shown.append(result.id);
-        m_learning->recordPick(m_model.query(), shown, meme.id, QStringLiteral("paste"));
-    }
+    recordPick(meme, QStringLiteral("paste"));
     m_store.touch(meme);
     const bool cached = m_store.cachedFullURL(meme).has_value();
     const quint64 generation = ++m_insertGeneration;
@@ -158,4 +152,36 @@ void PanelController::cancelWaitingInsert() {
     m_waitingFor.clear();
     m_panel->setInsertProgress({}, 0);
     m_inserting = false;
+}
+
+void PanelController::recordPick(const Meme& meme, const QString& method) {
+    m_userData.recordPick(meme.id, m_model.query());
+    if (meme.isMine()) {
+        Metrics::log(QStringLiteral("insert_mine"), {{"method", method.toStdString()}});
+    } else if (m_learning) {
+        QStringList shown;
+        for (const Meme& result : m_model.results())
+            shown.append(result.id);
+        m_learning->recordPick(m_model.query(), shown, meme.id, method);
+    }
+}
+
+void PanelController::connectDrags() {
+    m_dragSource = std::make_unique<DragSource>(m_store, *m_activator);
+    connect(m_panel.get(), &PickerPanel::dragRequested, this,
+            [this](const Meme& meme, QWidget* source, const QPixmap& image, QPoint hotSpot) {
+                if (m_dragSource->isBusy())
+                    return;
+                m_panel->setDragging(true);
+                m_dragSource->begin(meme, source, image, hotSpot, [this, id = meme.id](bool on) {
+                    m_dragWaitingFor = on ? id : QString();
+                    m_panel->setInsertProgress(m_dragWaitingFor, -1);
+                });
+            });
+    connect(m_dragSource.get(), &DragSource::dropped, this, [this](const Meme& meme) {
+        recordPick(meme, QStringLiteral("drag"));
+        hide();
+    });
+    connect(m_dragSource.get(), &DragSource::ended, this, [this] { m_panel->setDragging(false); });
+    connect(m_panel.get(), &PickerPanel::dismissed, m_dragSource.get(), &DragSource::cancel);
 }

@@ -9,6 +9,7 @@
 #include <memory>
 
 class ClipboardReader;
+class DragSource;
 class FocusProbe;
 class KeySynthesizer;
 class Learning;
@@ -50,6 +51,7 @@ public:
     // Whether an insert waits for its full image.
     bool isWaitingForImage() const { return !m_waitingFor.isEmpty(); }
     Paster& paster() const { return *m_paster; }
+    DragSource& dragSource() const { return *m_dragSource; }
     // The program in front when the panel last opened; invalid when unknown.
     const DesktopApp& target() const { return m_target; }
 
@@ -67,6 +69,10 @@ private:
     void askForKeyboard(quint32 timestamp);
     // The panel went away before the image came: the user no longer wants the paste.
     void cancelWaitingInsert();
+    // What every insert leaves behind, whether pasted or dropped: the pick in user data
+    // and, for a catalog item, the usage event.
+    void recordPick(const Meme& meme, const QString& method);
+    void connectDrags();
     static constexpr int maxActivationTries = 20;
     static constexpr int activationRetryMs = 15;
 
@@ -80,6 +86,9 @@ private:
     std::unique_ptr<ClipboardReader> m_clipboardReader;
     std::unique_ptr<PickerPanel> m_panel;
     std::unique_ptr<Paster> m_paster;
+    std::unique_ptr<DragSource> m_dragSource;
+    // The item whose drag waits for its download.
+    QString m_dragWaitingFor;
     DesktopApp m_target;
     quint32 m_showTimestamp = 0;
     int m_activationTries = 0;

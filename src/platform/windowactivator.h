@@ -5,9 +5,9 @@
 
 #include <QtGui/qwindowdefs.h>
 
-// Asks the window manager to give a window the keyboard. Needed because window managers
-// refuse focus requests from a program that got no input of its own (ours came through a
-// global shortcut). GUI thread only.
+// Asks the window manager to give a window the keyboard, and tells which windows have it or
+// the pointer. Needed because window managers refuse focus requests from a program that got
+// no input of its own (ours came through a global shortcut). GUI thread only.
 class WindowActivator {
 public:
     virtual ~WindowActivator() = default;
@@ -20,5 +20,8 @@ public:
     virtual WId keyboardFocus() const = 0;
     // The owner of a top-level window: its process and class; invalid for window 0.
     virtual DesktopApp describe(WId window) const = 0;
+    // The top-level window of a program under the mouse pointer, or 0 when unknown.
+    virtual WId windowUnderPointer() const = 0;
     DesktopApp frontmost() const { return describe(activeWindow()); }
+    DesktopApp underPointer() const { return describe(windowUnderPointer()); }
 };

@@ -4,6 +4,7 @@
 #include "catalog/debugflags.h"
 #include "search/pickermodel.h"
 #include "ui/drawnsigns.h"
+#include "ui/resultsgrid.h"
 #include "ui/resultsgridmodel.h"
 #include "ui/thumbnaildelegate.h"
 
@@ -87,7 +88,8 @@ PickerPanel::PickerPanel(PickerModel& model, ThumbnailCache* thumbnails, QWidget
 
     m_gridModel = new ResultsGridModel(m_model, thumbnails, this);
     m_delegate = new ThumbnailDelegate(this);
-    m_grid = new QListView(this);
+    auto* grid = new ResultsGrid(this);
+    m_grid = grid;
     m_grid->setObjectName(QStringLiteral("grid"));
     m_grid->setViewMode(QListView::IconMode);
     m_grid->setFlow(QListView::LeftToRight);
@@ -165,6 +167,14 @@ PickerPanel::PickerPanel(PickerModel& model, ThumbnailCache* thumbnails, QWidget
     });
     connect(m_grid->verticalScrollBar(), &QScrollBar::valueChanged, this,
             &PickerPanel::requestMoreIfNeeded);
+    connect(grid, &ResultsGrid::dragRequested, this,
+            [this](const QModelIndex& index, const QPixmap& image, QPoint hotSpot) {
+                const int row = index.row();
+                if (row < 0 || row >= m_model.results().size())
+                    return;
+                m_model.select(row);
+                emit dragRequested(m_model.results().at(row), m_grid->viewport(), image, hotSpot);
+            });
 
     // WORKAROUND: QWidget::isActiveWindow() can stay false after a hide/show cycle under
     // some window managers although the window has the keyboard; the focus window is reliable.
@@ -350,8 +360,18 @@ bool PickerPanel::handleKey(QKeyEvent* event) {
     }
 }
 
+void PickerPanel::setDragging(bool on) {
+    m_dragging = on;
+    // A target may have taken the keyboard although the drop did not land.
+    if (!on && isVisible() && QGuiApplication::focusWindow() != windowHandle()) {
+        activateWindow();
+        m_search->setFocus();
+    }
+}
+
 void PickerPanel::onFocusWindowChanged(QWindow* window) {
-    if (!isVisible())
+    // A drag passes over other programs' windows, some of which take the focus.
+    if (!isVisible() || m_dragging)
         return;
     if (window && window == windowHandle()) {
         m_hadKeyboard = true;

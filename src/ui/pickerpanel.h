@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "catalog/meme.h"
 #include "ui/toast.h"
 
 #include <QWidget>
@@ -52,9 +53,15 @@ public:
     // Columns as the grid lays them out: what Up and Down step by.
     int layoutColumns() const;
 
+    // While a drag out of the panel runs, losing the focus does not hide the panel.
+    void setDragging(bool on);
+
 signals:
     // The panel was hidden (Esc, focus loss or hide()).
     void dismissed();
+    // The user pulled a result out of its cell (now selected): `image` is to follow the
+    // pointer with its point `hotSpot` under it; `source` is the grid's viewport.
+    void dragRequested(const Meme& meme, QWidget* source, const QPixmap& image, QPoint hotSpot);
 
 protected:
     bool eventFilter(QObject* watched, QEvent* event) override;
@@ -86,4 +93,5 @@ private:
     QTimer* m_progressTicker;
     bool m_menuOpen = false;
     bool m_hadKeyboard = false;
+    bool m_dragging = false;
 };

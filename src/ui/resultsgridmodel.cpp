@@ -82,6 +82,13 @@ QVariant ResultsGridModel::data(const QModelIndex& index, int role) const {
     }
 }
 
+Qt::ItemFlags ResultsGridModel::flags(const QModelIndex& index) const {
+    Qt::ItemFlags flags = QAbstractListModel::flags(index);
+    if (index.isValid() && !m_picker.showingCollectionList())
+        flags |= Qt::ItemIsDragEnabled;
+    return flags;
+}
+
 QPixmap ResultsGridModel::thumbnailFor(const Meme& meme) const {
     if (const QPixmap* cached = m_pixmaps.object(meme.id))
         return *cached;

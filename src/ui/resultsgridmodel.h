@@ -30,6 +30,8 @@ public:
 
     int rowCount(const QModelIndex& parent = {}) const override;
     QVariant data(const QModelIndex& index, int role) const override;
+    // Results can be dragged out; collection cards cannot.
+    Qt::ItemFlags flags(const QModelIndex& index) const override;
 
     // The item whose paste waits for its download, with the fraction received (< 0 unknown);
     // an empty id clears it.

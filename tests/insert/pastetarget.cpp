@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: MIT
-// A window that takes pastes and reports each one on stdout as one JSON line: the types the
-// clipboard offered, each type's SHA-256, and the monotonic clock at arrival, so a
-// test in another process can check what arrived and when. With --button the window holds
-// only a button, for the case where no text field has the keyboard; with --terminal its
-// window class is a terminal's.
+// A window that takes pastes and drops and reports each one on stdout as one JSON line: the
+// types offered, each type's SHA-256 and size, "drop": true for a drop, and the monotonic
+// clock at arrival, so a test in another process can check what arrived and when. With --button the
+// window holds only a button, for the case where no text field has the keyboard; with --terminal
+// its window class is a terminal's.
 #include <QApplication>
 #include <QCryptographicHash>
+#include <QDropEvent>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -13,6 +14,7 @@
 #include <QMimeData>
 #include <QPushButton>
 #include <QTextEdit>
+#include <QUrl>
 #include <QVBoxLayout>
 #include <cstdio>
 #include <cstring>
@@ -26,19 +28,29 @@ double monotonicMs() {
     return double(now.tv_sec) * 1000.0 + double(now.tv_nsec) / 1e6;
 }
 
-void report(const QMimeData* source) {
+void report(const QMimeData* source, bool drop = false) {
     QJsonObject line;
     QJsonArray formats;
     QJsonObject hashes;
+    QJsonObject sizes;
     for (const QString& format : source->formats()) {
         formats.append(format);
         const QByteArray bytes = source->data(format);
         hashes.insert(format,
                       QString::fromLatin1(
                           QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex()));
+        sizes.insert(format, bytes.size());
     }
     line.insert(QStringLiteral("formats"), formats);
     line.insert(QStringLiteral("sha256"), hashes);
+    line.insert(QStringLiteral("sizes"), sizes);
+    if (drop) {
+        line.insert(QStringLiteral("drop"), true);
+        QJsonArray urls;
+        for (const QUrl& url : source->urls())
+            urls.append(url.toString());
+        line.insert(QStringLiteral("urls"), urls);
+    }
     line.insert(QStringLiteral("monotonic_ms"), monotonicMs());
     std::fprintf(stdout, "%s\n", QJsonDocument(line).toJson(QJsonDocument::Compact).constData());
     std::fflush(stdout);
@@ -59,6 +71,11 @@ protected:
         QTextEdit::keyPressEvent(event);
     }
     bool canInsertFromMimeData(const QMimeData*) const override { return true; }
+    // Reported, not inserted: the text stays as it was.
+    void dropEvent(QDropEvent* event) override {
+        report(event->mimeData(), true);
+        event->acceptProposedAction();
+    }
     void insertFromMimeData(const QMimeData* source) override {
         report(source);
         if (source->hasText())

@@ -40,7 +40,14 @@ public:
     }
     QList<QJsonObject> pastes() {
         QList<QJsonObject> all = lines();
-        all.removeIf([](const QJsonObject& o) { return !o.contains(QStringLiteral("formats")); });
+        all.removeIf([](const QJsonObject& o) {
+            return !o.contains(QStringLiteral("formats")) || o.contains(QStringLiteral("drop"));
+        });
+        return all;
+    }
+    QList<QJsonObject> drops() {
+        QList<QJsonObject> all = lines();
+        all.removeIf([](const QJsonObject& o) { return !o.contains(QStringLiteral("drop")); });
         return all;
     }
     bool sawKeys(const QString& keys) {

@@ -10,4 +10,5 @@ public:
     WId activeWindow() const override { return 0; }
     WId keyboardFocus() const override { return 0; }
     DesktopApp describe(WId) const override { return {}; }
+    WId windowUnderPointer() const override { return 0; }
 };

@@ -16,6 +16,7 @@ X11WindowActivator::X11WindowActivator() {
     m_root = xcb.root;
     m_activeAtom = internAtom(m_connection, "_NET_ACTIVE_WINDOW");
     m_pidAtom = internAtom(m_connection, "_NET_WM_PID");
+    m_wmStateAtom = internAtom(m_connection, "WM_STATE");
 }
 
 void X11WindowActivator::activate(WId window, quint32 timestamp) {
@@ -56,6 +57,43 @@ WId X11WindowActivator::keyboardFocus() const {
     const WId window = reply ? reply->focus : 0;
     free(reply);
     return window;
+}
+
+WId X11WindowActivator::windowUnderPointer() const {
+    if (!m_connection)
+        return 0;
+    xcb_query_pointer_reply_t* reply =
+        xcb_query_pointer_reply(m_connection, xcb_query_pointer(m_connection, m_root), nullptr);
+    const xcb_window_t top =
+        reply && reply->same_screen ? reply->child : xcb_window_t(XCB_WINDOW_NONE);
+    free(reply);
+    // Frames hold the program's window one or two levels down.
+    constexpr int maxDepth = 3;
+    return top == XCB_WINDOW_NONE ? 0 : clientWindow(top, maxDepth);
+}
+
+WId X11WindowActivator::clientWindow(std::uint32_t window, int depth) const {
+    xcb_get_property_reply_t* state = xcb_get_property_reply(
+        m_connection, xcb_get_property(m_connection, 0, window, m_wmStateAtom, XCB_ATOM_ANY, 0, 0),
+        nullptr);
+    const bool managed = state && state->type != XCB_ATOM_NONE;
+    free(state);
+    if (managed)
+        return window;
+    if (depth == 0)
+        return 0;
+    xcb_query_tree_reply_t* tree =
+        xcb_query_tree_reply(m_connection, xcb_query_tree(m_connection, window), nullptr);
+    if (!tree)
+        return 0;
+    const xcb_window_t* children = xcb_query_tree_children(tree);
+    const int count = xcb_query_tree_children_length(tree);
+    WId found = 0;
+    // Top-most child first: that is the one the pointer sees.
+    for (int i = count - 1; i >= 0 && !found; --i)
+        found = clientWindow(children[i], depth - 1);
+    free(tree);
+    return found;
 }
 
 DesktopApp X11WindowActivator::describe(WId window) const {

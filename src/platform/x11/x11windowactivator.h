@@ -16,10 +16,16 @@ public:
     WId activeWindow() const override;
     WId keyboardFocus() const override;
     DesktopApp describe(WId window) const override;
+    WId windowUnderPointer() const override;
 
 private:
+    // `window` itself or the first window below it that the window manager manages (it has
+    // WM_STATE): pointer queries name the window manager's frame around the program's window.
+    WId clientWindow(std::uint32_t window, int depth) const;
+
     xcb_connection_t* m_connection = nullptr;
     std::uint32_t m_root = 0;
     std::uint32_t m_activeAtom = 0;
     std::uint32_t m_pidAtom = 0;
+    std::uint32_t m_wmStateAtom = 0;
 };
