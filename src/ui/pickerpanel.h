@@ -7,6 +7,7 @@
 #include <functional>
 #include <memory>
 
+class CaptionEditor;
 class PickerModel;
 class QLabel;
 class QLineEdit;
@@ -66,6 +67,7 @@ private:
     bool handleKey(QKeyEvent* event);
     void syncTab();
     void syncSelection();
+    void syncCaption();
     void updateColumns();
     void refreshStatus();
     void requestMoreIfNeeded();
@@ -78,6 +80,7 @@ private:
     QLineEdit* m_search;
     QTabBar* m_tabs;
     QListView* m_grid;
+    CaptionEditor* m_captionEditor;
     QLabel* m_status;
     QToolButton* m_menuButton;
     Toast* m_toast;
