@@ -113,8 +113,7 @@ void PanelController::insert(const Meme& meme) {
     insertImage(meme, std::nullopt);
 }
 
-void PanelController::insertCaptioned(const Meme& meme, const QString& top,
-                                      const QString& bottom) {
+void PanelController::insertCaptioned(const Meme& meme, const QString& top, const QString& bottom) {
     insertImage(meme, CaptionLines{top, bottom});
 }
 

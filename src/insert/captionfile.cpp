@@ -38,9 +38,10 @@ Result save(const Request& request) {
 
     QDir().mkpath(request.folder);
     removeExpired(request.folder, request.now);
-    const QString file = QDir(request.folder).filePath(
-        request.key + QLatin1Char('-') + QString::number(request.now.toSecsSinceEpoch()) +
-        QStringLiteral(".jpg"));
+    const QString file =
+        QDir(request.folder)
+            .filePath(request.key + QLatin1Char('-') +
+                      QString::number(request.now.toSecsSinceEpoch()) + QStringLiteral(".jpg"));
     if (!writeFileAtomically(file, *jpeg))
         return {{}, Result::Failure::write};
     return {file, Result::Failure::none};

@@ -129,8 +129,8 @@ void CaptionEditor::sync() {
     }
     if (m_base.isNull()) {
         m_view->display({}, draft->image == CaptionDraft::Image::failed
-                             ? QStringLiteral("Download failed")
-                             : QStringLiteral("Loading…"));
+                                ? QStringLiteral("Download failed")
+                                : QStringLiteral("Loading…"));
         return;
     }
     redraw();
@@ -151,8 +151,8 @@ void CaptionEditor::decode(const QUrl& file) {
             reader.setDecideFormatFromContent(true);
             reader.setAutoTransform(true);
             // Decoding straight to preview size spares most of the work for a large JPEG.
-            const QSize size = CaptionRenderer::outputSize(reader.size(),
-                                                           CaptionRenderer::previewMaxSide);
+            const QSize size =
+                CaptionRenderer::outputSize(reader.size(), CaptionRenderer::previewMaxSide);
             if (size.isValid() && size != reader.size())
                 reader.setScaledSize(size);
             QImage image = reader.read();
@@ -183,8 +183,8 @@ void CaptionEditor::redraw() {
     if (!m_preview.isNull() && draft->top == m_drawnTop && draft->bottom == m_drawnBottom)
         return;
     // m_base is already at preview size, so this draws text only and scales nothing.
-    const std::optional<QImage> image = CaptionRenderer::render(
-        m_base, draft->top, draft->bottom, CaptionRenderer::previewMaxSide);
+    const std::optional<QImage> image =
+        CaptionRenderer::render(m_base, draft->top, draft->bottom, CaptionRenderer::previewMaxSide);
     if (!image) {
         m_view->display({}, QStringLiteral("Could not render the caption"));
         return;

@@ -134,8 +134,9 @@ TEST(CaptionFile, SavesAFullSizeJPEGAndClearsOutWhatIsADayOld) {
     const QString source = dir + QStringLiteral("/Grumpy.img");
     ASSERT_TRUE(image.save(source, "PNG"));
 
-    const CaptionFile::Result saved = CaptionFile::save(
-        {source, QStringLiteral("top"), QStringLiteral("bottom"), folder, QStringLiteral("Grumpy"), now});
+    const CaptionFile::Result saved =
+        CaptionFile::save({source, QStringLiteral("top"), QStringLiteral("bottom"), folder,
+                           QStringLiteral("Grumpy"), now});
     ASSERT_EQ(saved.failure, CaptionFile::Result::Failure::none);
     EXPECT_EQ(saved.file, folder + QStringLiteral("/Grumpy-1800000000.jpg"));
     EXPECT_FALSE(QFile::exists(expired));
@@ -158,7 +159,8 @@ TEST(CaptionFile, SavesAFullSizeJPEGAndClearsOutWhatIsADayOld) {
               CaptionFile::Result::Failure::render);
     TestEnv::writeFile(dir + QStringLiteral("/a-file"), "in the way");
     EXPECT_EQ(CaptionFile::save({source, QStringLiteral("a"), QStringLiteral("b"),
-                                 dir + QStringLiteral("/a-file/captioned"), QStringLiteral("Grumpy"), now})
+                                 dir + QStringLiteral("/a-file/captioned"),
+                                 QStringLiteral("Grumpy"), now})
                   .failure,
               CaptionFile::Result::Failure::write);
 }
