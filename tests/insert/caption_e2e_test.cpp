@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // A caption as the user writes it: Ctrl+E on a result, a top and a bottom line typed into the
 // editor, Enter, and the picture that arrives in the program in front.
+#include "base/apppaths.h"
 #include "insert/captionfile.h"
 #include "pastefixture.h"
 #include "ui/captioneditor.h"
@@ -34,6 +35,12 @@ testing::AssertionResult captionInk(const QImage& image, int fromRow, int toRow)
 class CaptionOnTheDesktop : public PasteOnTheDesktop {
 protected:
     CaptionOnTheDesktop() { imageSize = QSize(400, 300); }
+    void SetUp() override {
+        // Earlier tests of this process left their catalog and its small images behind.
+        QDir(AppPaths::dataDir()).removeRecursively();
+        QDir(AppPaths::cacheDir()).removeRecursively();
+        PasteOnTheDesktop::SetUp();
+    }
 
     CaptionEditor* editor() { return panel().panel()->findChild<CaptionEditor*>(); }
     QListView* grid() { return panel().panel()->findChild<QListView*>(QStringLiteral("grid")); }
@@ -97,8 +104,9 @@ TEST_F(CaptionOnTheDesktop, CtrlEWritesTheCaptionThatArrivesAndEscGoesBack) {
         [&] { return model.caption() && model.caption()->bottom == QLatin1String("bottom text"); },
         5000));
     EXPECT_EQ(model.caption()->top, QStringLiteral("top text"));
-    ASSERT_TRUE(QTest::qWaitFor(
-        [&] { return captionInk(editor()->preview(), 0, editor()->preview().height()); }, 5000));
+    // The preview is redrawn with each keystroke: by now it shows both lines.
+    EXPECT_TRUE(captionInk(editor()->preview(), 6, 96));
+    EXPECT_TRUE(captionInk(editor()->preview(), 204, 294));
     EXPECT_FALSE(captionInk(uncaptioned, 0, uncaptioned.height()));
 
     // Enter pastes the captioned picture like any other: the panel goes, the user's clipboard
