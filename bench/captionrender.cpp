@@ -3,9 +3,12 @@
 // must stay well inside a frame; the full-size render, its JPEG and the file run in the
 // background before a paste.
 //   orvane-caption-bench [--edits 200] [--runs 20] [--side 2000]
-// Prints p50 / p95 / max in milliseconds for:
-//   preview      one keystroke as the editor draws it (on the full image decoded at 560 px)
-//   preview-full one keystroke drawn from the full-size image instead (for comparison)
+// Prints p50 / p95 / max in milliseconds, wall clock and the thread's CPU time (which other
+// programs on a busy machine disturb less), for:
+//   preview      one keystroke as the editor draws it: both lines on the picture it decoded at
+//                560 px
+//   preview-full one keystroke drawn from the full-size picture instead, scaling it each time
+//                (what the editor avoids by decoding at preview size)
 //   full-render  the caption on the full-size image
 //   full-jpeg    its JPEG encoding at quality 0.85
 //   full-save    what a captioned paste waits for: decode the cached JPEG, render, encode, write
@@ -21,7 +24,9 @@
 #include <QRandomGenerator>
 #include <QTemporaryDir>
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
+#include <ctime>
 #include <functional>
 #include <vector>
 
@@ -70,9 +75,9 @@ QImage photo(int side) {
         for (int x = 0; x < side; ++x) {
             const int grain = random.bounded(17) - 8;
             const QRgb p = line[x];
-            line[x] = qRgb(std::clamp(qRed(p) + grain, 0, 255),
-                           std::clamp(qGreen(p) + grain, 0, 255),
-                           std::clamp(qBlue(p) + grain, 0, 255));
+            line[x] =
+                qRgb(std::clamp(qRed(p) + grain, 0, 255), std::clamp(qGreen(p) + grain, 0, 255),
+                     std::clamp(qBlue(p) + grain, 0, 255));
         }
     }
     return image;
@@ -94,31 +99,45 @@ std::vector<std::pair<QString, QString>> typing(int edits) {
     return states;
 }
 
-struct Stats {
-    double p50, p95, max;
+struct Sample {
+    double wallMs;
+    double cpuMs;
 };
 
-Stats stats(std::vector<double> ms) {
-    std::sort(ms.begin(), ms.end());
-    const auto at = [&](double q) {
-        const auto rank = std::size_t(std::ceil(q * double(ms.size())));
-        return ms[std::clamp<std::size_t>(rank, 1, ms.size()) - 1];
-    };
-    return {at(0.50), at(0.95), ms.back()};
+double threadCpuMs() {
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return double(now.tv_sec) * 1e3 + double(now.tv_nsec) / 1e6;
 }
 
-void print(const char* name, const std::vector<double>& ms) {
-    const Stats s = stats(ms);
-    std::printf("%-13s n=%-4zu p50 %7.2f ms   p95 %7.2f ms   max %7.2f ms\n", name, ms.size(),
-                s.p50, s.p95, s.max);
-    std::fflush(stdout);
-}
-
-double timed(const std::function<void()>& work) {
-    QElapsedTimer timer;
-    timer.start();
+Sample timed(const std::function<void()>& work) {
+    QElapsedTimer wall;
+    const double cpu = threadCpuMs();
+    wall.start();
     work();
-    return double(timer.nsecsElapsed()) / 1e6;
+    return {double(wall.nsecsElapsed()) / 1e6, threadCpuMs() - cpu};
+}
+
+// Nearest rank.
+double percentile(std::vector<double> ms, double q) {
+    std::sort(ms.begin(), ms.end());
+    const auto rank = std::size_t(std::ceil(q * double(ms.size())));
+    return ms[std::clamp<std::size_t>(rank, 1, ms.size()) - 1];
+}
+
+void print(const char* name, const std::vector<Sample>& samples) {
+    std::vector<double> wall;
+    std::vector<double> cpu;
+    for (const Sample& s : samples) {
+        wall.push_back(s.wallMs);
+        cpu.push_back(s.cpuMs);
+    }
+    std::printf("%-13s n=%-4zu wall p50 %7.2f  p95 %7.2f  max %7.2f   cpu p50 %7.2f  p95 %7.2f  "
+                "max %7.2f ms\n",
+                name, samples.size(), percentile(wall, 0.5), percentile(wall, 0.95),
+                percentile(wall, 1), percentile(cpu, 0.5), percentile(cpu, 0.95),
+                percentile(cpu, 1));
+    std::fflush(stdout);
 }
 
 } // namespace
@@ -131,39 +150,40 @@ int main(int argc, char** argv) {
 
     const QImage source = photo(options.side);
     // What the editor holds: the full image decoded at preview size.
-    const QImage base = source.scaled(
-        CaptionRenderer::outputSize(source.size(), CaptionRenderer::previewMaxSide),
-        Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+    const QImage picture =
+        source.scaled(CaptionRenderer::outputSize(source.size(), CaptionRenderer::previewMaxSide),
+                      Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
     std::printf("caption font: %s; source %d x %d, preview %d x %d\n",
                 qPrintable(CaptionRenderer::font(40).family()), source.width(), source.height(),
-                base.width(), base.height());
+                picture.width(), picture.height());
 
     const auto edits = typing(options.edits);
     // One untimed draw: the first use of the font loads it.
-    CaptionRenderer::render(base, edits.front().first, edits.front().second,
+    CaptionRenderer::render(picture, edits.front().first, edits.front().second,
                             CaptionRenderer::previewMaxSide);
-    std::vector<double> preview;
-    std::vector<double> previewFull;
+    std::vector<Sample> keystroke;
+    std::vector<Sample> fromFull;
     for (const auto& [top, bottom] : edits) {
-        preview.push_back(timed(
-            [&] { CaptionRenderer::render(base, top, bottom, CaptionRenderer::previewMaxSide); }));
+        keystroke.push_back(timed([&] {
+            CaptionRenderer::render(picture, top, bottom, CaptionRenderer::previewMaxSide);
+        }));
     }
     for (const auto& [top, bottom] : edits) {
-        previewFull.push_back(timed([&] {
+        fromFull.push_back(timed([&] {
             CaptionRenderer::render(source, top, bottom, CaptionRenderer::previewMaxSide);
         }));
     }
-    print("preview", preview);
-    print("preview-full", previewFull);
+    print("preview", keystroke);
+    print("preview-full", fromFull);
 
     const QString top = QStringLiteral("one does not simply");
     const QString bottom = QStringLiteral("render two thousand pixels");
     QTemporaryDir dir;
     const QString cached = dir.filePath(QStringLiteral("photo.img"));
     source.save(cached, "JPEG", 90);
-    std::vector<double> render;
-    std::vector<double> jpeg;
-    std::vector<double> save;
+    std::vector<Sample> render;
+    std::vector<Sample> jpeg;
+    std::vector<Sample> save;
     for (int i = 0; i < options.runs; ++i) {
         std::optional<QImage> drawn;
         render.push_back(timed([&] { drawn = CaptionRenderer::render(source, top, bottom); }));

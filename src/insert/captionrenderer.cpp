@@ -13,7 +13,10 @@
 #include <QTextLayout>
 #include <algorithm>
 #include <cmath>
+#include <map>
 #include <memory>
+#include <tuple>
+#include <vector>
 
 namespace {
 
@@ -37,6 +40,21 @@ const Face& face() {
         return Face{family, heaviest > 0 ? heaviest : int(QFont::Black)};
     }();
     return chosen;
+}
+
+// The outline of one glyph at the origin. Loading a glyph runs the font's hinting program,
+// which costs more than drawing it, and a preview redraws the same glyphs at every keystroke.
+// Fonts belong to a thread, so does the cache.
+QPainterPath glyphPath(const QRawFont& font, quint32 glyph) {
+    using Key = std::tuple<QString, int, int, qreal, quint32>;
+    thread_local std::map<Key, QPainterPath> cache;
+    const Key key{font.familyName(), font.weight(), int(font.style()), font.pixelSize(), glyph};
+    if (const auto found = cache.find(key); found != cache.end())
+        return found->second;
+    // A few lines in a few sizes need far fewer; past this the sizes have moved on.
+    if (cache.size() >= 4096)
+        cache.clear();
+    return cache.emplace(key, font.pathForGlyph(glyph)).first->second;
 }
 
 // One caption line laid out for drawing: centred, wrapped at word boundaries (inside a word
@@ -67,11 +85,8 @@ Block layOut(const QString& text, const QFont& font, qreal width) {
     return block;
 }
 
-// Draws `text` in `band`: the largest size from 0.62 × band height down in 2 px steps whose
-// block fits, then flush with the band's top edge (`top`) or its bottom edge.
-void drawText(QPainter& painter, const QString& text, const QRectF& band, bool top) {
-    if (text.isEmpty())
-        return;
+// The largest size from 0.62 × band height down in 2 px steps whose block fits the band.
+Block fit(const QString& text, const QRectF& band) {
     qreal size = band.height() * CaptionRenderer::startSizeShare;
     Block block = layOut(text, CaptionRenderer::font(std::max(1, qRound(size))), band.width());
     while (size > CaptionRenderer::smallestFittedPx &&
@@ -79,23 +94,42 @@ void drawText(QPainter& painter, const QString& text, const QRectF& band, bool t
         size -= CaptionRenderer::sizeStepPx;
         block = layOut(text, CaptionRenderer::font(std::max(1, qRound(size))), band.width());
     }
-    const qreal h = block.size.height();
-    const QPointF origin(band.left(), top ? band.top() : band.bottom() - h);
+    return block;
+}
 
-    // The glyph outlines, filled white, then stroked black over the fill: the outline's inner
-    // half eats into the letters like a marker's edge.
-    QPainterPath path;
+// A caption line's band in an output of `size`.
+QRectF bandOf(QSize size, bool top) {
+    const double w = size.width();
+    const double h = size.height();
+    const double height = CaptionRenderer::bandShare * h;
+    const double edge = 0.02 * h;
+    return QRectF(0.03 * w, top ? edge : h - edge - height, 0.94 * w, height);
+}
+
+// Draws `text` in `area`, flush with its top edge for the top line and with its bottom edge
+// for the bottom one.
+void drawText(QPainter& painter, const QString& text, const QRectF& area, bool top) {
+    if (text.isEmpty())
+        return;
+    const Block block = fit(text, area);
+    const QPointF origin(area.left(), top ? area.top() : area.bottom() - block.size.height());
+    std::vector<QPainterPath> glyphs;
     for (const QGlyphRun& run : block.layout->glyphRuns()) {
         const QRawFont font = run.rawFont();
-        const QList<quint32> glyphs = run.glyphIndexes();
+        const QList<quint32> indexes = run.glyphIndexes();
         const QList<QPointF> positions = run.positions();
-        for (qsizetype i = 0; i < glyphs.size(); ++i)
-            path.addPath(font.pathForGlyph(glyphs[i]).translated(origin + positions[i]));
+        for (qsizetype i = 0; i < indexes.size(); ++i)
+            glyphs.push_back(glyphPath(font, indexes[i]).translated(origin + positions[i]));
     }
-    painter.fillPath(path, Qt::white);
     QPen outline(Qt::black, block.layout->font().pixelSize() * CaptionRenderer::outlineShare);
     outline.setJoinStyle(Qt::RoundJoin);
-    painter.strokePath(path, outline);
+    // Filled white, then stroked black over the fill: the outline's inner half eats into the
+    // letters like a marker's edge. Glyph by glyph: on one path holding all of them the
+    // rasterizer slows down far more than in proportion.
+    for (const QPainterPath& glyph : glyphs)
+        painter.fillPath(glyph, Qt::white);
+    for (const QPainterPath& glyph : glyphs)
+        painter.strokePath(glyph, outline);
 }
 
 } // namespace
@@ -119,23 +153,13 @@ std::optional<QImage> render(const QImage& image, const QString& top, const QStr
     QImage out(size, QImage::Format_ARGB32_Premultiplied);
     if (out.isNull())
         return std::nullopt;
-    out.fill(Qt::transparent);
     QPainter painter(&out);
-    painter.setRenderHints(QPainter::Antialiasing | QPainter::TextAntialiasing |
-                           QPainter::SmoothPixmapTransform);
+    painter.setRenderHints(QPainter::Antialiasing | QPainter::SmoothPixmapTransform);
     painter.setCompositionMode(QPainter::CompositionMode_Source);
     painter.drawImage(QRect(QPoint(0, 0), size), image);
     painter.setCompositionMode(QPainter::CompositionMode_SourceOver);
-
-    const double w = size.width();
-    const double h = size.height();
-    const double band = bandShare * h;
-    const double left = 0.03 * w;
-    const double width = 0.94 * w;
-    const double edge = 0.02 * h;
-    drawText(painter, top.toUpper(), QRectF(left, edge, width, band), true);
-    drawText(painter, bottom.toUpper(), QRectF(left, h - edge - band, width, band), false);
-    painter.end();
+    drawText(painter, top.toUpper(), bandOf(size, true), true);
+    drawText(painter, bottom.toUpper(), bandOf(size, false), false);
     return out;
 }
 

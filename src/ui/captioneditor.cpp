@@ -156,6 +156,7 @@ void CaptionEditor::decode(const QUrl& file) {
             if (size.isValid() && size != reader.size())
                 reader.setScaledSize(size);
             QImage image = reader.read();
+            // PNG decoders cannot scale while decoding: scale here, not on the GUI thread.
             const QSize fitted =
                 CaptionRenderer::outputSize(image.size(), CaptionRenderer::previewMaxSide);
             if (!image.isNull() && fitted != image.size())
@@ -182,7 +183,7 @@ void CaptionEditor::redraw() {
         return;
     if (!m_preview.isNull() && draft->top == m_drawnTop && draft->bottom == m_drawnBottom)
         return;
-    // m_base is already at preview size, so this draws text only and scales nothing.
+    // m_base is at preview size already: this draws the lines and scales nothing.
     const std::optional<QImage> image =
         CaptionRenderer::render(m_base, draft->top, draft->bottom, CaptionRenderer::previewMaxSide);
     if (!image) {

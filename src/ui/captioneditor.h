@@ -48,7 +48,7 @@ private:
     PreviewView* m_view;
     QLineEdit* m_top;
     QLineEdit* m_bottom;
-    // The full image m_base was decoded from, and what m_preview shows.
+    // The full image m_base was decoded from (at preview size), and what m_preview shows.
     QUrl m_file;
     QImage m_base;
     QImage m_preview;
