@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "app/panelcontroller.h"
 
+#include "base/background.h"
 #include "base/logcategories.h"
 #include "catalog/debugflags.h"
 #include "catalog/memestore.h"
+#include "insert/captionfile.h"
 #include "insert/dragsource.h"
 #include "insert/paster.h"
 #include "platform/clipboardreader.h"
@@ -37,6 +39,8 @@ PanelController::PanelController(PickerModel& model, MemeStore& store, Thumbnail
                                                                 : Toast::Kind::guidance);
         });
     connect(&m_model, &PickerModel::insertRequested, this, &PanelController::insert);
+    connect(&m_model, &PickerModel::captionInsertRequested, this,
+            &PanelController::insertCaptioned);
     connect(m_panel.get(), &PickerPanel::dismissed, this, &PanelController::cancelWaitingInsert);
     connectDrags();
     connect(&m_store, &MemeStore::downloadProgress, this,
@@ -108,6 +112,14 @@ void PanelController::hide() {
 }
 
 void PanelController::insert(const Meme& meme) {
+    insertImage(meme, std::nullopt);
+}
+
+void PanelController::insertCaptioned(const Meme& meme, const QString& top, const QString& bottom) {
+    insertImage(meme, CaptionLines{top, bottom});
+}
+
+void PanelController::insertImage(const Meme& meme, std::optional<CaptionLines> caption) {
     if (m_inserting)
         return;
     m_inserting = true;
@@ -119,7 +131,7 @@ void PanelController::insert(const Meme& meme) {
         m_waitingFor = meme.id;
         m_panel->setInsertProgress(meme.id, -1);
     }
-    m_store.ensureFull(meme, [this, meme, cached, generation](std::optional<QUrl> file) {
+    m_store.ensureFull(meme, [this, meme, cached, caption, generation](std::optional<QUrl> file) {
         if (generation != m_insertGeneration)
             return; // cancelled while it downloaded
         if (!m_waitingFor.isEmpty()) {
@@ -131,25 +143,62 @@ void PanelController::insert(const Meme& meme) {
             m_panel->showToast(QStringLiteral("Download failed"), Toast::Kind::error);
             return;
         }
-        Paster::Request request;
-        request.meme = meme;
-        request.file = *file;
-        request.cached = cached;
-        request.target = m_target;
-        request.timestamp = m_showTimestamp;
-        request.hidePanel = [this] { hide(); };
-        m_paster->paste(std::move(request));
-        QTimer::singleShot(insertGuardMs, this, [this] { m_inserting = false; });
-        emit inserted(meme);
+        if (caption)
+            saveCaption(meme, *file, cached, *caption, generation);
+        else
+            pasteFile(meme, *file, cached, false);
     });
 }
 
+void PanelController::saveCaption(const Meme& meme, const QUrl& full, bool cached,
+                                  const CaptionLines& caption, quint64 generation) {
+    m_savingCaption = true;
+    const CaptionFile::Request request{full.toLocalFile(),
+                                       caption.top,
+                                       caption.bottom,
+                                       CaptionFile::folderBeside(m_store.cacheDir()),
+                                       m_store.fullLocation(meme).baseName(),
+                                       m_store.now()};
+    // Decoding, drawing and encoding a full-size image takes longer than a frame.
+    runInBackground(
+        this, [request] { return CaptionFile::save(request); },
+        [this, meme, cached, generation](const CaptionFile::Result& saved) {
+            if (generation != m_insertGeneration)
+                return; // the panel went away meanwhile
+            m_savingCaption = false;
+            if (saved.failure != CaptionFile::Result::Failure::none) {
+                m_inserting = false;
+                m_panel->showToast(saved.failure == CaptionFile::Result::Failure::render
+                                       ? QStringLiteral("Could not render the caption")
+                                       : QStringLiteral("Could not save the caption image"),
+                                   Toast::Kind::error);
+                return;
+            }
+            pasteFile(meme, QUrl::fromLocalFile(saved.file), cached, true);
+        });
+}
+
+void PanelController::pasteFile(const Meme& meme, const QUrl& file, bool cached, bool captioned) {
+    Paster::Request request;
+    request.meme = meme;
+    request.file = file;
+    request.cached = cached;
+    request.captioned = captioned;
+    request.target = m_target;
+    request.timestamp = m_showTimestamp;
+    request.hidePanel = [this] { hide(); };
+    m_paster->paste(std::move(request));
+    QTimer::singleShot(insertGuardMs, this, [this] { m_inserting = false; });
+    emit inserted(meme);
+}
+
 void PanelController::cancelWaitingInsert() {
-    if (m_waitingFor.isEmpty())
+    if (m_waitingFor.isEmpty() && !m_savingCaption)
         return;
     // The download goes on and lands in the cache; only its paste is dropped.
     ++m_insertGeneration;
     m_waitingFor.clear();
+    m_savingCaption = false;
     m_panel->setInsertProgress({}, 0);
     m_inserting = false;
 }

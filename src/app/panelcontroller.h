@@ -7,6 +7,7 @@
 #include <QObject>
 #include <QtGui/qwindowdefs.h>
 #include <memory>
+#include <optional>
 
 class ClipboardReader;
 class DragSource;
@@ -45,6 +46,9 @@ public:
     // front. Further Enters are ignored until 0.5 s after the paste was handed over.
     // Hiding the panel while the image is still on its way cancels the paste.
     void insert(const Meme& meme);
+    // The same with a caption: the full image is drawn with `top` and `bottom` in the
+    // background, saved as a JPEG beside the image caches, and that file is pasted.
+    void insertCaptioned(const Meme& meme, const QString& top, const QString& bottom);
     bool isInserting() const { return m_inserting; }
     // Where inserted catalog items are reported when the user shares usage; none by default.
     void setLearning(Learning* learning) { m_learning = learning; }
@@ -63,6 +67,14 @@ signals:
     void inserted(const Meme& meme);
 
 private:
+    struct CaptionLines {
+        QString top;
+        QString bottom;
+    };
+    void insertImage(const Meme& meme, std::optional<CaptionLines> caption);
+    void saveCaption(const Meme& meme, const QUrl& full, bool cached, const CaptionLines& caption,
+                     quint64 generation);
+    void pasteFile(const Meme& meme, const QUrl& file, bool cached, bool captioned);
     static bool isOurWindow(const DesktopApp& app);
     // The window manager may not hand the keyboard to a program that had no input of its
     // own, and ignores requests for a window it has not mapped yet: ask until it takes.
@@ -96,5 +108,7 @@ private:
     // The item whose paste waits for its download, and a count that tells a cancelled
     // wait's late answer from the current one.
     QString m_waitingFor;
+    // An insert's caption is being drawn and saved; hiding the panel cancels it too.
+    bool m_savingCaption = false;
     quint64 m_insertGeneration = 0;
 };

@@ -6,6 +6,7 @@
 #include "search/collectionsource.h"
 #include "search/fusedranking.h"
 #include "search/localindex.h"
+#include "search/pickermodelbatch.h"
 #include "search/pickertexts.h"
 #include "search/remotesearch.h"
 #include "search/wordfilter.h"
@@ -26,84 +27,6 @@ QSet<QString> idSet(const QStringList& ids) {
 }
 
 } // namespace
-
-// Collects the changes of one operation and announces them when the outermost operation
-// ends, so that no slot sees results from one search and the status of another.
-class PickerModel::Batch {
-public:
-    explicit Batch(PickerModel* model) : m_model(model) {
-        if (m_model->m_batchDepth++ == 0)
-            m_before = std::make_unique<Snapshot>(*model);
-    }
-    ~Batch() {
-        // Leave the batch before emitting, so a slot that calls back in starts its own.
-        if (--m_model->m_batchDepth == 0 && m_before)
-            announce(*m_before);
-    }
-    Batch(const Batch&) = delete;
-    Batch& operator=(const Batch&) = delete;
-
-private:
-    struct Snapshot {
-        explicit Snapshot(const PickerModel& m)
-            : columns(m.m_columns), query(m.m_query), results(m.m_results), selected(m.m_selected),
-              focusToken(m.m_focusToken), status(m.m_status), accessibilityOK(m.m_accessibilityOK),
-              tab(m.m_tab), openCollection(m.m_openCollection), collectionList(m.m_collectionList),
-              recentSections(m.m_recentSections), favorites(m.m_favorites),
-              mineCount(m.mineCount()), placeholder(m.placeholder()) {}
-        int columns;
-        QString query;
-        MemeList results;
-        int selected;
-        int focusToken;
-        QString status;
-        bool accessibilityOK;
-        Tab tab;
-        std::optional<CollectionInfo> openCollection;
-        CollectionList collectionList;
-        QList<RecentSection> recentSections;
-        QSet<QString> favorites;
-        int mineCount;
-        QString placeholder;
-    };
-
-    void announce(const Snapshot& was) {
-        PickerModel& m = *m_model;
-        // Outer state first: the panel sets up the tab and the search field before it
-        // redraws the grid and the status line.
-        if (was.tab != m.m_tab)
-            emit m.tabChanged();
-        if (was.openCollection != m.m_openCollection)
-            emit m.openCollectionChanged();
-        if (was.query != m.m_query)
-            emit m.queryChanged();
-        if (was.placeholder != m.placeholder())
-            emit m.placeholderChanged();
-        if (was.columns != m.m_columns)
-            emit m.columnsChanged();
-        if (was.collectionList != m.m_collectionList)
-            emit m.collectionListChanged();
-        if (was.recentSections != m.m_recentSections)
-            emit m.recentSectionsChanged();
-        if (was.results != m.m_results)
-            emit m.resultsChanged();
-        if (was.selected != m.m_selected)
-            emit m.selectedChanged();
-        if (was.favorites != m.m_favorites)
-            emit m.favoritesChanged();
-        if (was.mineCount != m.mineCount())
-            emit m.mineCountChanged();
-        if (was.status != m.m_status)
-            emit m.statusChanged();
-        if (was.accessibilityOK != m.m_accessibilityOK)
-            emit m.accessibilityOKChanged();
-        if (was.focusToken != m.m_focusToken)
-            emit m.focusRequested();
-    }
-
-    PickerModel* m_model;
-    std::unique_ptr<Snapshot> m_before;
-};
 
 PickerModel::PickerModel(MemeStore* store, UserData* userData, QObject* parent)
     : QObject(parent), m_store(store), m_userData(userData), m_status(PickerTexts::loadingIndex),

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "catalog/catalogjson.h"
+#include "search/captiondraft.h"
 #include "search/exploreorder.h"
 
 #include <QElapsedTimer>
@@ -130,6 +131,24 @@ public:
     // Ctrl+D on the selected result (not on the collection list).
     void toggleFavoriteOfSelected();
 
+    // --- Caption editor ---
+
+    // Ctrl+E: opens the caption editor on the selected result and fetches its full image. Not
+    // on the collection list, nor on the user's own items (their library builds their paste).
+    void beginCaption();
+    // The user changed one of the lines.
+    void setCaptionLine(CaptionDraft::Line line, const QString& text);
+    // Tab in the editor: the other line takes the keys.
+    void nextCaptionLine();
+    // The user clicked into a line.
+    void captionLineFocused(CaptionDraft::Line line);
+    // Esc or Back: closes the editor and drops its lines; the search field takes the keys.
+    // Nothing when it is closed.
+    void cancelCaption();
+    // Enter or Done: closes the editor and emits captionInsertRequested(), or insertRequested()
+    // when both lines are blank. Nothing when it is closed.
+    void insertCaption();
+
     // --- Observable state ---
 
     int columns() const { return m_columns; }
@@ -154,6 +173,10 @@ public:
     int mineCount() const { return int(m_mine.size()); }
     // The search field's placeholder for the active tab.
     QString placeholder() const;
+    // The caption being written; none while the editor is closed.
+    const std::optional<CaptionDraft>& caption() const { return m_caption; }
+    // Bumped each time the caption line caption()->focus should take the keyboard.
+    int captionFocusToken() const { return m_captionFocusToken; }
 
     // True in the Collections tab while no collection is open.
     bool showingCollectionList() const;
@@ -186,6 +209,11 @@ signals:
     void placeholderChanged();
     // Enter on a result: the panel hands `meme` to the insertion path.
     void insertRequested(const Meme& meme);
+    // The caption editor opened, closed, or its lines or image changed.
+    void captionChanged();
+    void captionFocusRequested();
+    // Done in the caption editor: `meme` is inserted with the caption drawn on it.
+    void captionInsertRequested(const Meme& meme, const QString& top, const QString& bottom);
 
 private:
     class Batch;
@@ -243,6 +271,10 @@ private:
     // The debounce of the next cloud search, for m_remoteText.
     QTimer m_remoteWork;
     QString m_remoteText;
+    std::optional<CaptionDraft> m_caption;
+    int m_captionFocusToken = 0;
+    // Tells a full image that arrives for an earlier caption from the current one's.
+    quint64 m_captionGeneration = 0;
     // Nesting depth of Batch, so only the outermost operation announces changes.
     int m_batchDepth = 0;
 };

@@ -3,6 +3,7 @@
 
 #include "catalog/debugflags.h"
 #include "search/pickermodel.h"
+#include "ui/captioneditor.h"
 #include "ui/drawnsigns.h"
 #include "ui/resultsgrid.h"
 #include "ui/resultsgridmodel.h"
@@ -108,6 +109,10 @@ PickerPanel::PickerPanel(PickerModel& model, ThumbnailCache* thumbnails, QWidget
     m_grid->setModel(m_gridModel);
     m_grid->viewport()->installEventFilter(this);
 
+    // Takes the grid's place while the user writes a caption.
+    m_captionEditor = new CaptionEditor(m_model, this);
+    m_captionEditor->hide();
+
     m_status = new QLabel(this);
     m_status->setObjectName(QStringLiteral("status"));
     m_status->setForegroundRole(QPalette::PlaceholderText);
@@ -135,6 +140,7 @@ PickerPanel::PickerPanel(PickerModel& model, ThumbnailCache* thumbnails, QWidget
     layout->addLayout(top);
     layout->addWidget(m_tabs);
     layout->addWidget(m_grid, 1);
+    layout->addWidget(m_captionEditor, 1);
     layout->addLayout(bottom);
 
     m_toast = new Toast(this);
@@ -152,6 +158,7 @@ PickerPanel::PickerPanel(PickerModel& model, ThumbnailCache* thumbnails, QWidget
     connect(&m_model, &PickerModel::resultsChanged, this, &PickerPanel::syncSelection);
     connect(&m_model, &PickerModel::collectionListChanged, this, &PickerPanel::syncSelection);
     connect(&m_model, &PickerModel::focusRequested, this, [this] { m_search->setFocus(); });
+    connect(&m_model, &PickerModel::captionChanged, this, &PickerPanel::syncCaption);
 
     // View → model.
     connect(m_search, &QLineEdit::textEdited, &m_model, &PickerModel::searchTextEdited);
@@ -237,6 +244,18 @@ void PickerPanel::syncSelection() {
     m_grid->selectionModel()->setCurrentIndex(index, QItemSelectionModel::ClearAndSelect);
     m_grid->scrollTo(index);
     requestMoreIfNeeded();
+}
+
+void PickerPanel::syncCaption() {
+    const bool editing = m_model.caption().has_value();
+    if (editing == !m_captionEditor->isHidden())
+        return;
+    m_tabs->setVisible(!editing);
+    m_grid->setVisible(!editing);
+    m_status->setVisible(!editing);
+    // The caption's lines take the keys; the query stays as it was for the way back.
+    m_search->setEnabled(!editing);
+    m_captionEditor->setVisible(editing);
 }
 
 void PickerPanel::updateColumns() {
@@ -355,6 +374,12 @@ bool PickerPanel::handleKey(QKeyEvent* event) {
             return true;
         }
         return false;
+    case Qt::Key_E:
+        if (mods == Qt::ControlModifier) {
+            m_model.beginCaption();
+            return true;
+        }
+        return false;
     default:
         return false;
     }
@@ -398,6 +423,8 @@ void PickerPanel::showToast(const QString& text, Toast::Kind kind) {
 void PickerPanel::hideEvent(QHideEvent* event) {
     QWidget::hideEvent(event);
     m_toast->hide();
+    // A caption left unfinished is dropped; the panel opens on the results next time.
+    m_model.cancelCaption();
     // Saved once on hide rather than on every step of a resize drag.
     if (size() != storedSize()) {
         DebugFlags::settings().set(widthKey, width());

@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 
+class CaptionEditor;
 class PickerModel;
 class QLabel;
 class QLineEdit;
@@ -73,6 +74,7 @@ private:
     bool handleKey(QKeyEvent* event);
     void syncTab();
     void syncSelection();
+    void syncCaption();
     void updateColumns();
     void refreshStatus();
     void requestMoreIfNeeded();
@@ -85,6 +87,7 @@ private:
     QLineEdit* m_search;
     QTabBar* m_tabs;
     QListView* m_grid;
+    CaptionEditor* m_captionEditor;
     QLabel* m_status;
     QToolButton* m_menuButton;
     Toast* m_toast;

@@ -40,7 +40,7 @@ class PasteOnTheDesktop : public AppOnTheDesktop {
 protected:
     void SetUp() override {
         AppOnTheDesktop::SetUp();
-        if (IsSkipped() || !serveCatalog(3, 2))
+        if (IsSkipped() || !serveCatalog(3, 2, imageSize))
             return;
         enableAccessibility();
         startApp();
@@ -49,6 +49,9 @@ protected:
     }
 
     Paster& paster() { return panel().paster(); }
+
+    // The catalog's images; a fixture that looks at what arrives may want them larger.
+    QSize imageSize{64, 64};
 
     // Opens the panel over the program in front, searches and presses Enter on the first
     // result; returns the id pasted.

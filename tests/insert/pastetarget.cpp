@@ -3,10 +3,12 @@
 // types offered, each type's SHA-256 and size, "drop": true for a drop, and the monotonic
 // clock at arrival, so a test in another process can check what arrived and when. With --button the
 // window holds only a button, for the case where no text field has the keyboard; with --terminal
-// its window class is a terminal's.
+// its window class is a terminal's; with --save DIR each pasted image is also written to a file
+// there, named in the line under "files", so a test can look at its pixels.
 #include <QApplication>
 #include <QCryptographicHash>
 #include <QDropEvent>
+#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -28,11 +30,16 @@ double monotonicMs() {
     return double(now.tv_sec) * 1000.0 + double(now.tv_nsec) / 1e6;
 }
 
+QString saveDir;
+int pasteCount = 0;
+
 void report(const QMimeData* source, bool drop = false) {
+    ++pasteCount;
     QJsonObject line;
     QJsonArray formats;
     QJsonObject hashes;
     QJsonObject sizes;
+    QJsonObject files;
     for (const QString& format : source->formats()) {
         formats.append(format);
         const QByteArray bytes = source->data(format);
@@ -40,10 +47,21 @@ void report(const QMimeData* source, bool drop = false) {
                       QString::fromLatin1(
                           QCryptographicHash::hash(bytes, QCryptographicHash::Sha256).toHex()));
         sizes.insert(format, bytes.size());
+        if (!saveDir.isEmpty() && format.startsWith(QLatin1String("image/"))) {
+            const QString path = QStringLiteral("%1/paste-%2.%3")
+                                     .arg(saveDir)
+                                     .arg(pasteCount)
+                                     .arg(format.section(QLatin1Char('/'), 1));
+            QFile file(path);
+            if (file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size())
+                files.insert(format, path);
+        }
     }
     line.insert(QStringLiteral("formats"), formats);
     line.insert(QStringLiteral("sha256"), hashes);
     line.insert(QStringLiteral("sizes"), sizes);
+    if (!files.isEmpty())
+        line.insert(QStringLiteral("files"), files);
     if (drop) {
         line.insert(QStringLiteral("drop"), true);
         QJsonArray urls;
@@ -91,6 +109,9 @@ int main(int argc, char** argv) {
         if (std::strcmp(argv[i], "--terminal") == 0)
             QCoreApplication::setApplicationName(QStringLiteral("xterm"));
     QApplication app(argc, argv);
+    const QStringList args = app.arguments();
+    if (const qsizetype at = args.indexOf(QStringLiteral("--save")); at > 0 && at + 1 < args.size())
+        saveDir = args[at + 1];
     QWidget window;
     window.setWindowTitle(QStringLiteral("Orvane paste target"));
     auto* layout = new QVBoxLayout(&window);

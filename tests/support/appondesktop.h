@@ -24,9 +24,9 @@ protected:
     void TearDown() override { app.reset(); }
 
     // Serves a catalog of `cats` and `dogs` (see CatalogFixture) to the app started next.
-    bool serveCatalog(int cats, int dogs) {
+    bool serveCatalog(int cats, int dogs, QSize imageSize = QSize(64, 64)) {
         const QString root = TestEnv::freshDir();
-        CatalogFixture::writeCatalog(root, cats, dogs);
+        CatalogFixture::writeCatalog(root, cats, dogs, imageSize);
         QString why;
         if (!catalog.start(QStringLiteral(ORVANE_SERVER_BINARY), root, &why)) {
             ADD_FAILURE() << why.toStdString();

@@ -14,14 +14,15 @@
 
 namespace {
 
-Meme item(const QString& id, const QString& description, int n) {
+Meme item(const QString& id, const QString& description, int n, QSize size) {
     Meme m;
     m.id = id;
     m.description = description;
     m.keywords = {description.section(QLatin1Char(' '), 1, 1)};
     m.thumb = QStringLiteral("/t/%1.png").arg(id);
     m.full = QStringLiteral("/f/%1.png").arg(id);
-    m.width = m.height = 64;
+    m.width = size.width();
+    m.height = size.height();
     m.popularity = 1000 - n;
     return m;
 }
@@ -36,17 +37,18 @@ CatalogFixture::~CatalogFixture() {
     }
 }
 
-void CatalogFixture::writeCatalog(const QString& root, int cats, int dogs) {
+void CatalogFixture::writeCatalog(const QString& root, int cats, int dogs, QSize imageSize) {
     MemeList memes;
     for (int i = 1; i <= cats + dogs; ++i) {
         const bool cat = i <= cats;
         memes.append(item(QStringLiteral("m_%1").arg(i, 5, 10, QLatin1Char('0')),
-                          QStringLiteral("a %1 number %2").arg(cat ? "cat" : "dog").arg(i), i));
+                          QStringLiteral("a %1 number %2").arg(cat ? "cat" : "dog").arg(i), i,
+                          imageSize));
     }
     MemeList stickers;
     for (int i = 1; i <= 2; ++i) {
-        Meme s =
-            item(QStringLiteral("s_%1").arg(i), QStringLiteral("a sticker number %1").arg(i), i);
+        Meme s = item(QStringLiteral("s_%1").arg(i), QStringLiteral("a sticker number %1").arg(i),
+                      i, imageSize);
         s.collection_id = QStringLiteral("c1");
         s.order = i;
         stickers.append(s);
@@ -55,7 +57,7 @@ void CatalogFixture::writeCatalog(const QString& root, int cats, int dogs) {
     QDir().mkpath(root + QStringLiteral("/t"));
     const auto drawImages = [&root](MemeList& list) {
         for (Meme& m : list) {
-            QImage image(64, 64, QImage::Format_RGB32);
+            QImage image(int(m.width), int(m.height), QImage::Format_RGB32);
             image.fill(QColor::fromHsv(int(qHash(m.id) % 360), 160, 220));
             image.save(root + m.full, "PNG");
             image.save(root + m.thumb, "PNG");
