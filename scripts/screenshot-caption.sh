@@ -23,14 +23,16 @@ pids=()
 cleanup() { kill "${pids[@]}" 2>/dev/null || true; rm -rf "$work"; }
 trap cleanup EXIT
 
-display=:$((200 + RANDOM % 600))
-Xvfb "$display" -screen 0 1280x800x24 -nolisten tcp >/dev/null 2>&1 &
+# Xvfb picks a free display itself and names it on fd 3.
+Xvfb -displayfd 3 -screen 0 1280x800x24 -nolisten tcp 3>"$work/display" >/dev/null 2>&1 &
 pids+=($!)
-export DISPLAY=$display
-for _ in $(seq 100); do xdotool getmouselocation >/dev/null 2>&1 && break; sleep 0.1; done
-openbox --sm-disable >/dev/null 2>&1 &
+for _ in $(seq 100); do [[ -s $work/display ]] && break; sleep 0.1; done
+export DISPLAY=:$(cat "$work/display")
+openbox --sm-disable >"$work/openbox.log" 2>&1 &
 pids+=($!)
 for _ in $(seq 100); do xprop -root _NET_SUPPORTING_WM_CHECK 2>/dev/null | grep -q 'window id' && break; sleep 0.1; done
+xprop -root _NET_SUPPORTING_WM_CHECK | grep -q 'window id' ||
+    { echo "openbox did not start:" >&2; cat "$work/openbox.log" >&2; exit 1; }
 
 export XDG_DATA_HOME=$work/data XDG_CACHE_HOME=$work/cache XDG_CONFIG_HOME=$work/config XDG_STATE_HOME=$work/state
 build/dev/src/server/orvane-server --root build/demo-catalog --port 0 >"$work/server.log" 2>&1 &
@@ -42,8 +44,12 @@ pids+=($!)
 # Ready once the catalog is indexed.
 for _ in $(seq 300); do grep -q '"index_loaded"' "$work/state/Glimmet/spike.jsonl" 2>/dev/null && break; sleep 0.1; done
 
+grep -q '"index_loaded"' "$work/state/Glimmet/spike.jsonl" ||
+    { echo "the catalog did not load:" >&2; cat "$work/orvane.log" >&2; exit 1; }
+
 xdotool key ctrl+m
-window=$(xdotool search --sync --onlyvisible --name '^Orvane$' | head -n 1)
+window=$(timeout 10 xdotool search --sync --onlyvisible --name '^Orvane$' | head -n 1)
+[[ -n $window ]] || { echo "the panel did not open:" >&2; cat "$work/orvane.log" >&2; exit 1; }
 xdotool type --delay 40 "$query"
 sleep 1 # the results and their thumbnails
 xdotool key ctrl+e

@@ -44,7 +44,7 @@ const Face& face() {
 
 // The outline of one glyph at the origin. Loading a glyph runs the font's hinting program,
 // which costs more than drawing it, and a preview redraws the same glyphs at every keystroke.
-// Fonts belong to a thread, so does the cache.
+// Fonts belong to a thread, and so does the cache.
 QPainterPath glyphPath(const QRawFont& font, quint32 glyph) {
     using Key = std::tuple<QString, int, int, qreal, quint32>;
     thread_local std::map<Key, QPainterPath> cache;

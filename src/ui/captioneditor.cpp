@@ -45,6 +45,8 @@ protected:
         const QSize shown = m_image.size().scaled(fitted, Qt::KeepAspectRatio);
         const QRect target(QPoint((width() - shown.width()) / 2, (height() - shown.height()) / 2),
                            shown);
+        // What is transparent arrives white: the pasted picture is a JPEG.
+        painter.fillRect(target, Qt::white);
         painter.setRenderHint(QPainter::SmoothPixmapTransform);
         painter.drawImage(target, m_image);
     }

@@ -354,3 +354,63 @@ TEST(PickerModel, OnlyTypingLogsASearchEvent) {
     EXPECT_EQ(events[0]["q"], "dog");
     EXPECT_EQ(events[0]["results"], 2);
 }
+
+TEST(PickerModel, CaptionKeepsTwoLinesAndBlankLinesInsertThePlainItem) {
+    Picker p(5);
+    p.model.setMine({meme(QStringLiteral("g_1"), QStringLiteral("my cat"))});
+    p.model.searchTextEdited(QStringLiteral("cat"));
+    QSignalSpy plain(&p.model, &PickerModel::insertRequested);
+    QSignalSpy captioned(&p.model, &PickerModel::captionInsertRequested);
+    QSignalSpy lineFocus(&p.model, &PickerModel::captionFocusRequested);
+    using Line = CaptionDraft::Line;
+
+    // The user's own items are pasted by their own library: no caption on them.
+    ASSERT_EQ(p.model.selectedItem()->id, QStringLiteral("g_1"));
+    p.model.beginCaption();
+    EXPECT_FALSE(p.model.caption());
+
+    p.model.moveBy(1);
+    const Meme chosen = *p.model.selectedItem();
+    p.model.beginCaption();
+    ASSERT_TRUE(p.model.caption());
+    EXPECT_EQ(p.model.caption()->meme.id, chosen.id);
+    EXPECT_EQ(p.model.caption()->focus, Line::top);
+    EXPECT_EQ(lineFocus.size(), 1);
+    // Nobody serves the image here: the editor learns that it will not come.
+    EXPECT_TRUE(QTest::qWaitFor(
+        [&] { return p.model.caption()->image == CaptionDraft::Image::failed; }, 10000));
+
+    // Tab goes to the other line; lines of spaces and tabs insert the item as it is.
+    p.model.setCaptionLine(Line::top, QStringLiteral("   "));
+    p.model.nextCaptionLine();
+    EXPECT_EQ(p.model.caption()->focus, Line::bottom);
+    EXPECT_EQ(lineFocus.size(), 2);
+    p.model.setCaptionLine(Line::bottom, QStringLiteral("\t"));
+    QSignalSpy searchFocus(&p.model, &PickerModel::focusRequested);
+    p.model.insertCaption();
+    EXPECT_FALSE(p.model.caption());
+    ASSERT_EQ(plain.size(), 1);
+    EXPECT_EQ(plain[0][0].value<Meme>().id, chosen.id);
+    EXPECT_TRUE(captioned.isEmpty());
+    EXPECT_EQ(searchFocus.size(), 1);
+
+    // With words, the captioned insert gets both lines as typed.
+    p.model.beginCaption();
+    p.model.setCaptionLine(Line::bottom, QStringLiteral("only the bottom"));
+    p.model.insertCaption();
+    ASSERT_EQ(captioned.size(), 1);
+    EXPECT_EQ(captioned[0][0].value<Meme>().id, chosen.id);
+    EXPECT_EQ(captioned[0][1].toString(), QString());
+    EXPECT_EQ(captioned[0][2].toString(), QStringLiteral("only the bottom"));
+
+    // Back drops the lines: the next caption starts empty, and Done without an editor does
+    // nothing.
+    p.model.beginCaption();
+    p.model.setCaptionLine(Line::top, QStringLiteral("forgotten"));
+    p.model.cancelCaption();
+    EXPECT_FALSE(p.model.caption());
+    p.model.insertCaption();
+    EXPECT_EQ(plain.size() + captioned.size(), 2);
+    p.model.beginCaption();
+    EXPECT_TRUE(p.model.caption()->top.isEmpty());
+}
