@@ -9,6 +9,7 @@
 #include "insert/dragsource.h"
 #include "insert/paster.h"
 #include "platform/clipboardreader.h"
+#include "platform/eventguard.h"
 #include "platform/focusprobe.h"
 #include "platform/keysynthesizer.h"
 #include "platform/platformbackend.h"
@@ -26,6 +27,7 @@
 PanelController::PanelController(PickerModel& model, MemeStore& store, ThumbnailCache* thumbnails,
                                  UserData& userData, QObject* parent)
     : QObject(parent), m_model(model), m_store(store), m_userData(userData),
+      m_eventGuard(PlatformBackend::createEventGuard()),
       m_activator(PlatformBackend::createWindowActivator()),
       m_keys(PlatformBackend::createKeySynthesizer()),
       m_focusProbe(PlatformBackend::createFocusProbe()),
@@ -231,6 +233,11 @@ void PanelController::connectDrags() {
         recordPick(meme, QStringLiteral("drag"));
         hide();
     });
-    connect(m_dragSource.get(), &DragSource::ended, this, [this] { m_panel->setDragging(false); });
+    connect(m_dragSource.get(), &DragSource::dragStarted, this,
+            [this] { m_eventGuard->setDragRunning(true); });
+    connect(m_dragSource.get(), &DragSource::ended, this, [this] {
+        m_eventGuard->setDragRunning(false);
+        m_panel->setDragging(false);
+    });
     connect(m_panel.get(), &PickerPanel::dismissed, m_dragSource.get(), &DragSource::cancel);
 }

@@ -11,6 +11,7 @@
 
 class ClipboardReader;
 class DragSource;
+class EventGuard;
 class FocusProbe;
 class KeySynthesizer;
 class Learning;
@@ -92,6 +93,8 @@ private:
     MemeStore& m_store;
     UserData& m_userData;
     Learning* m_learning = nullptr;
+    // Keeps other programs' bad timestamps away from Qt's clipboard and drags.
+    std::unique_ptr<EventGuard> m_eventGuard;
     std::unique_ptr<WindowActivator> m_activator;
     std::unique_ptr<KeySynthesizer> m_keys;
     std::unique_ptr<FocusProbe> m_focusProbe;

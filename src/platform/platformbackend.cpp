@@ -2,6 +2,7 @@
 #include "platform/platformbackend.h"
 
 #include "platform/atspi/atspifocusprobe.h"
+#include "platform/none/nulleventguard.h"
 #include "platform/none/nullglobalhotkey.h"
 #include "platform/none/nullkeysynthesizer.h"
 #include "platform/none/nullwindowactivator.h"
@@ -10,6 +11,7 @@
 #include "platform/x11/x11clipboardreader.h"
 #include "platform/x11/x11globalhotkey.h"
 #include "platform/x11/x11keysynthesizer.h"
+#include "platform/x11/x11selectiontimeguard.h"
 #include "platform/x11/x11windowactivator.h"
 
 #include <QGuiApplication>
@@ -50,6 +52,12 @@ std::unique_ptr<KeySynthesizer> createKeySynthesizer() {
     if (name() == QLatin1String("x11"))
         return std::make_unique<X11KeySynthesizer>();
     return std::make_unique<NullKeySynthesizer>();
+}
+
+std::unique_ptr<EventGuard> createEventGuard() {
+    if (name() == QLatin1String("x11"))
+        return std::make_unique<X11SelectionTimeGuard>();
+    return std::make_unique<NullEventGuard>();
 }
 
 std::unique_ptr<FocusProbe> createFocusProbe() {

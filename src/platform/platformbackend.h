@@ -5,6 +5,7 @@
 #include <memory>
 
 class ClipboardReader;
+class EventGuard;
 class FocusProbe;
 class GlobalHotkey;
 class KeySynthesizer;
@@ -19,4 +20,5 @@ std::unique_ptr<WindowActivator> createWindowActivator();
 std::unique_ptr<ClipboardReader> createClipboardReader();
 std::unique_ptr<KeySynthesizer> createKeySynthesizer();
 std::unique_ptr<FocusProbe> createFocusProbe();
+std::unique_ptr<EventGuard> createEventGuard();
 } // namespace PlatformBackend

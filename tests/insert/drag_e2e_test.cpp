@@ -9,6 +9,7 @@
 #include "ui/resultsgridmodel.h"
 #include "userdata/userdata.h"
 
+#include <QClipboard>
 #include <QDir>
 #include <QDirIterator>
 #include <QImage>
@@ -395,4 +396,13 @@ TEST_F(DragOnTheDesktop, FileManagerCopiesTheImageIntoTheFolder) {
         EXPECT_TRUE(QFileInfo::exists(source));
         EXPECT_EQ(dragInserts().back()["target"], "Pcmanfm");
     }
+    // pcmanfm asks for a drop's data with a timestamp far ahead of the X server's clock; the
+    // clipboard must take our writes again once the drop is over (with that time adopted, the
+    // X server would ignore every one of them).
+    EXPECT_TRUE(QTest::qWaitFor(
+        [] {
+            QGuiApplication::clipboard()->setText(QStringLiteral("after the drops"));
+            return Desktop::clipboardAs(QStringLiteral("UTF8_STRING")) == "after the drops";
+        },
+        5000));
 }
