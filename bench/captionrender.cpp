@@ -12,6 +12,7 @@
 //   full-render  the caption on the full-size image
 //   full-jpeg    its JPEG encoding at quality 0.85
 //   full-save    what a captioned paste waits for: decode the cached JPEG, render, encode, write
+#include "catalog/imageconversion.h"
 #include "insert/captionfile.h"
 #include "insert/captionrenderer.h"
 
@@ -187,7 +188,7 @@ int main(int argc, char** argv) {
     for (int i = 0; i < options.runs; ++i) {
         std::optional<QImage> drawn;
         render.push_back(timed([&] { drawn = CaptionRenderer::render(source, top, bottom); }));
-        jpeg.push_back(timed([&] { CaptionRenderer::jpegData(*drawn, CaptionFile::jpegQuality); }));
+        jpeg.push_back(timed([&] { ImageConversion::jpegData(*drawn, CaptionFile::jpegQuality); }));
         save.push_back(timed([&] {
             CaptionFile::save({cached, top, bottom, dir.filePath(QStringLiteral("captioned")),
                                QStringLiteral("photo"), QDateTime::currentDateTimeUtc()});

@@ -40,10 +40,15 @@ std::optional<QByteArray> pngData(const QString& source) {
 }
 
 std::optional<QByteArray> jpegData(const QString& source, int quality) {
-    const QImage image = read(source);
+    return jpegData(read(source), quality);
+}
+
+std::optional<QByteArray> jpegData(const QImage& image, int quality) {
     if (image.isNull())
         return std::nullopt;
     QImage flat(image.size(), QImage::Format_RGB32);
+    if (flat.isNull())
+        return std::nullopt;
     flat.setDevicePixelRatio(image.devicePixelRatio());
     flat.fill(Qt::white);
     {

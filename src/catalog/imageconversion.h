@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QImage>
 #include <QString>
 #include <optional>
 
@@ -16,6 +17,8 @@ bool makePNG(const QString& source, const QString& target);
 std::optional<QByteArray> pngData(const QString& source);
 // The JPEG encoding of `source` (flattened onto white: JPEG has no transparency).
 std::optional<QByteArray> jpegData(const QString& source, int quality = 90);
+// The same for an image in memory; `quality` runs from 0 to 100.
+std::optional<QByteArray> jpegData(const QImage& image, int quality = 90);
 // The TIFF encoding of `source`, or nothing when it does not decode.
 std::optional<QByteArray> tiffData(const QString& source);
 } // namespace ImageConversion

@@ -2,6 +2,7 @@
 #include "insert/captionfile.h"
 
 #include "base/atomicfile.h"
+#include "catalog/imageconversion.h"
 #include "insert/captionrenderer.h"
 
 #include <QDir>
@@ -32,7 +33,7 @@ Result save(const Request& request) {
     const std::optional<QImage> captioned =
         CaptionRenderer::render(source, request.top, request.bottom);
     const std::optional<QByteArray> jpeg =
-        captioned ? CaptionRenderer::jpegData(*captioned, jpegQuality) : std::nullopt;
+        captioned ? ImageConversion::jpegData(*captioned, jpegQuality) : std::nullopt;
     if (!jpeg)
         return {{}, Result::Failure::render};
 

@@ -11,7 +11,7 @@
 // Reads, renders and writes files: call it off the GUI thread.
 namespace CaptionFile {
 inline constexpr qint64 keepSeconds = 24 * 60 * 60;
-inline constexpr double jpegQuality = 0.85;
+inline constexpr int jpegQuality = 85;
 
 struct Request {
     // The full image as cached (any format the image readers sniff).

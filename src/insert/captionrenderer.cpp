@@ -1,11 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "insert/captionrenderer.h"
 
-#include <QBuffer>
 #include <QFontDatabase>
 #include <QFontInfo>
 #include <QGlyphRun>
-#include <QImageWriter>
 #include <QPainter>
 #include <QPainterPath>
 #include <QPen>
@@ -161,27 +159,6 @@ std::optional<QImage> render(const QImage& image, const QString& top, const QStr
     drawText(painter, top.toUpper(), bandOf(size, true), true);
     drawText(painter, bottom.toUpper(), bandOf(size, false), false);
     return out;
-}
-
-std::optional<QByteArray> jpegData(const QImage& image, double quality) {
-    if (image.isNull())
-        return std::nullopt;
-    QImage flat(image.size(), QImage::Format_RGB32);
-    if (flat.isNull())
-        return std::nullopt;
-    flat.fill(Qt::white);
-    {
-        QPainter painter(&flat);
-        painter.drawImage(0, 0, image);
-    }
-    QByteArray bytes;
-    QBuffer buffer(&bytes);
-    buffer.open(QIODevice::WriteOnly);
-    QImageWriter writer(&buffer, "jpeg");
-    writer.setQuality(std::clamp(int(std::lround(quality * 100)), 0, 100));
-    if (!writer.write(flat))
-        return std::nullopt;
-    return bytes;
 }
 
 QFont font(int pixelSize) {

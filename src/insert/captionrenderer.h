@@ -33,9 +33,6 @@ QSize outputSize(QSize source, std::optional<int> maxSide);
 std::optional<QImage> render(const QImage& image, const QString& top, const QString& bottom,
                              std::optional<int> maxSide = std::nullopt);
 
-// JPEG bytes of `image` at `quality` (0–1), transparent areas made white. None on failure.
-std::optional<QByteArray> jpegData(const QImage& image, double quality);
-
 // The caption face at `pixelSize`: Impact when installed, otherwise the system's sans serif
 // at its heaviest weight.
 QFont font(int pixelSize);

@@ -3,6 +3,7 @@
 
 #include "base/atomicfile.h"
 #include "catalog/imageconversion.h"
+#include "insert/pasteitem.h"
 
 #include <QFile>
 #include <QFileInfo>
@@ -18,35 +19,12 @@ QByteArray readAll(const QString& path) {
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-bool isPNGData(const QByteArray& bytes) {
-    return bytes.startsWith("\x89PNG\r\n\x1a\n");
-}
-
 bool isJPEGData(const QByteArray& bytes) {
     return bytes.startsWith("\xff\xd8\xff");
 }
 
-std::optional<QByteArray> pngBytes(const DragItem::Source& source) {
-    if (source.isPNG) {
-        QByteArray bytes = readAll(source.file);
-        // A ".png" that is not one (a mislabelled upload) is re-encoded below.
-        if (isPNGData(bytes))
-            return bytes;
-    } else if (!source.pngSibling.isEmpty() && QFileInfo(source.pngSibling).size() > 0) {
-        QByteArray bytes = readAll(source.pngSibling);
-        if (!bytes.isEmpty())
-            return bytes;
-    }
-    return ImageConversion::pngData(source.file);
-}
-
-// The cache keeps non-PNG downloads under a neutral ".img" name; a receiver that goes by the
-// name (a file manager, a web page) is better served by the PNG rendering when it is ready.
-QString fileForURL(const DragItem::Source& source) {
-    if (source.file.endsWith(QLatin1String(".img")) && !source.pngSibling.isEmpty() &&
-        QFileInfo(source.pngSibling).size() > 0)
-        return source.pngSibling;
-    return source.file;
+PasteItem::Source pasteSource(const DragItem::Source& source) {
+    return {source.file, source.pngSibling, source.isPNG, false};
 }
 
 // A JPEG as served is handed on unchanged; anything else is encoded.
@@ -95,9 +73,10 @@ std::optional<ClipboardItem> make(const Source& source, DragPayload payload) {
         item.append({QStringLiteral("text/uri-list"), uriList(source.jpegFile)});
         return item;
     }
-    item.append({QStringLiteral("text/uri-list"), uriList(fileForURL(source))});
+    item.append(
+        {QStringLiteral("text/uri-list"), uriList(PasteItem::fileForURL(pasteSource(source)))});
     if (payload == DragPayload::b) {
-        const std::optional<QByteArray> png = pngBytes(source);
+        const std::optional<QByteArray> png = PasteItem::pngBytes(pasteSource(source));
         if (!png || png->isEmpty())
             return std::nullopt;
         item.append({QStringLiteral("image/png"), *png});

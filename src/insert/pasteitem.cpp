@@ -20,7 +20,11 @@ bool isPNGData(const QByteArray& bytes) {
     return bytes.startsWith("\x89PNG\r\n\x1a\n");
 }
 
-std::optional<QByteArray> pngBytes(const PasteItem::Source& source) {
+} // namespace
+
+namespace PasteItem {
+
+std::optional<QByteArray> pngBytes(const Source& source) {
     if (!source.captioned) {
         if (source.isPNG) {
             QByteArray bytes = readAll(source.file);
@@ -36,18 +40,12 @@ std::optional<QByteArray> pngBytes(const PasteItem::Source& source) {
     return ImageConversion::pngData(source.file);
 }
 
-// The file other programs get for a file-URL paste: the PNG rendering when the cache keeps
-// the download under its neutral ".img" name, so the receiver sees a proper image file.
-QString fileForURL(const PasteItem::Source& source) {
+QString fileForURL(const Source& source) {
     if (source.file.endsWith(QLatin1String(".img")) && !source.pngSibling.isEmpty() &&
         QFileInfo(source.pngSibling).size() > 0)
         return source.pngSibling;
     return source.file;
 }
-
-} // namespace
-
-namespace PasteItem {
 
 std::optional<ClipboardItem> make(const Source& source, PastePayload payload) {
     if (source.file.isEmpty())

@@ -24,4 +24,11 @@ struct Source {
 
 std::optional<ClipboardItem> make(const Source& source, PastePayload payload);
 
+// The PNG bytes of the image: the file itself when it is a PNG, else its ready PNG sibling,
+// else a PNG encoded now. None when the image does not decode.
+std::optional<QByteArray> pngBytes(const Source& source);
+// The file other programs get for a file URL: the PNG sibling when the cache keeps the
+// download under its neutral ".img" name (receivers go by the name), else the file itself.
+QString fileForURL(const Source& source);
+
 } // namespace PasteItem
