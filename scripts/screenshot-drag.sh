@@ -8,41 +8,20 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 out=${1:-build/screenshots/drag.png}
 payload=${2:-b}
-scripts/install-deps.sh
-mkdir -p "$(dirname "$out")" build
-scripts/build.sh dev >build/build.log 2>&1 || { tail -n 40 build/build.log >&2; exit 1; }
-scripts/build-demo-catalog.sh build/demo-catalog
-
-work=$(mktemp -d)
-pids=()
-cleanup() { kill "${pids[@]}" 2>/dev/null || true; rm -rf "$work"; }
-trap cleanup EXIT
-
-display=:$((200 + RANDOM % 600))
-Xvfb "$display" -screen 0 1280x800x24 -nolisten tcp >/dev/null 2>&1 &
-pids+=($!)
-export DISPLAY=$display
-for _ in $(seq 100); do xdotool getmouselocation >/dev/null 2>&1 && break; sleep 0.1; done
-openbox --sm-disable >/dev/null 2>&1 &
-pids+=($!)
-for _ in $(seq 100); do xprop -root _NET_SUPPORTING_WM_CHECK 2>/dev/null | grep -q 'window id' && break; sleep 0.1; done
-
-export XDG_DATA_HOME=$work/data XDG_CACHE_HOME=$work/cache XDG_CONFIG_HOME=$work/config XDG_STATE_HOME=$work/state
+source scripts/lib/desktop-session.sh
+session_prepare
+mkdir -p "$(dirname "$out")"
+session_start_display
 mkdir -p "$XDG_CONFIG_HOME/Glimmet" "$work/Pictures"
 printf '{"dragPayload": "%s"}\n' "$payload" >"$XDG_CONFIG_HOME/Glimmet/settings.json"
-build/dev/src/server/orvane-server --root build/demo-catalog --port 0 >"$work/server.log" 2>&1 &
-pids+=($!)
-for _ in $(seq 100); do grep -q serving "$work/server.log" && break; sleep 0.1; done
-export MEME_SERVER=$(grep -o 'http://127.0.0.1:[0-9]*' "$work/server.log" | head -n 1)
+session_start_server
 
 # The drop target, below where the panel opens.
 pcmanfm "$work/Pictures" >/dev/null 2>&1 &
 pids+=($!)
 xdotool search --sync --onlyvisible --name '^Pictures$' windowmove 100 560 windowsize 1000 220 >/dev/null
 
-build/dev/src/app/orvane >"$work/orvane.log" 2>&1 &
-pids+=($!)
-for _ in $(seq 300); do grep -q '"index_loaded"' "$work/state/Glimmet/spike.jsonl" 2>/dev/null && break; sleep 0.1; done
+session_start_orvane
 
 xdotool key ctrl+m
 panel=$(xdotool search --sync --onlyvisible --name '^Orvane$' | head -n 1)
