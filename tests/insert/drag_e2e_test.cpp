@@ -383,7 +383,10 @@ TEST_F(DragOnTheDesktop, FileManagerCopiesTheImageIntoTheFolder) {
         ASSERT_TRUE(QTest::qWaitFor([&] { return store.cachedFullURL(meme).has_value(); }, 5000));
         const QString source =
             payload == DragPayload::c ? jpegCopyOf(meme) : store.cachedFullURL(meme)->toLocalFile();
-        ASSERT_TRUE(dragCell(0, dropAt));
+        // pcmanfm asks for the data under the pointer with its own, wrong clock, and Qt
+        // answers only requests stamped with the time it sent; it takes that time over from
+        // the first request, so at worst the first drag is refused. A user drags again.
+        ASSERT_TRUE(dragCell(0, dropAt) || dragCell(0, dropAt));
         const QString copy = folder + QLatin1Char('/') + QFileInfo(source).fileName();
         ASSERT_TRUE(QTest::qWaitFor(
             [&] {
