@@ -51,9 +51,6 @@ for name in "${targets[@]}"; do
     # A target that died without leaving an input still failed.
     [[ "$rc" != 0 && "$crashes" == 0 ]] && crashes=1
     printf '%-32s %14s %8s\n' "$name" "${execs:-?}" "$crashes"
-    held=$(grep -c '^HELD CONNECTION' "$artifacts/log" || true)
-    [[ "$held" != 0 ]] && echo "  note: $held connection(s) answered only after 20 s (known, open):" &&
-        grep '^HELD CONNECTION' "$artifacts/log" | head -n 3 | sed 's/^/    /'
     if [[ "$crashes" != 0 ]]; then
         failed=1
         echo "  log: $artifacts/log"

@@ -7,7 +7,10 @@
 #include "server/catalogserver.h"
 #include "server/httpparsing.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
+#include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -65,8 +68,25 @@ void parsers(std::string_view input) {
     }
 }
 
+using Clock = std::chrono::steady_clock;
+
+// Waits until `fd` is ready for `events`; false when `deadline` passed first. libFuzzer's -timeout
+// keeps a SIGALRM timer going on this thread, and a poll() it interrupts returns early with EINTR:
+// that is neither an answer nor a held connection.
+bool waitFor(int fd, short events, Clock::time_point deadline) {
+    for (;;) {
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        pollfd p{fd, events, 0};
+        const int ready = ::poll(&p, 1, static_cast<int>(std::max<decltype(left)>(left, 0)));
+        if (ready >= 0)
+            return ready > 0;
+        if (errno != EINTR)
+            std::abort();
+    }
+}
+
 void rawRequest(std::string_view input) {
-    const std::string_view whole = input;
     static CatalogServer* server = [] {
         ServerLimits limits;
         // Short, because a request the input leaves unfinished (one the server cannot tell is
@@ -77,15 +97,27 @@ void rawRequest(std::string_view input) {
             std::abort();
         return s;
     }();
+    // Generous: a loaded machine running sanitizers may be slow; a held connection is not.
+    constexpr auto patience = std::chrono::seconds(20);
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0)
+        std::abort();
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<uint16_t>(server->port()));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (fd < 0 || ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
-        std::abort();
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        // An interrupted connect() goes on in the background; its outcome is in SO_ERROR.
+        int error = 0;
+        socklen_t length = sizeof error;
+        if (errno != EINTR || !waitFor(fd, POLLOUT, Clock::now() + patience) ||
+            ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0)
+            std::abort();
+    }
     while (!input.empty()) {
         const ssize_t n = ::send(fd, input.data(), input.size(), MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR)
+            continue;
         if (n <= 0)
             break;
         input.remove_prefix(static_cast<size_t>(n));
@@ -94,24 +126,14 @@ void rawRequest(std::string_view input) {
     // The server must answer and close (or just close) within its request deadline.
     char buffer[65536];
     for (;;) {
-        pollfd p{fd, POLLIN, 0};
-        // Generous: a loaded machine running sanitizers may be slow; a held connection is not.
-        if (::poll(&p, 1, 20000) <= 0) {
-            // Known, rare and not yet understood: a few times in millions of raw requests, a
-            // connection is answered only seconds later, never when its input is replayed
-            // alone. Reported with the input rather than treated as a crash;
-            // scripts/fuzz.sh prints these lines.
-            std::string hex;
-            for (const char c : whole.substr(0, 512)) {
-                char two[3];
-                std::snprintf(two, sizeof two, "%02x", static_cast<unsigned char>(c));
-                hex += two;
-            }
-            std::fprintf(stderr, "HELD CONNECTION: no answer in 20 s to %zu bytes: %s\n",
-                         whole.size(), hex.c_str());
-            break;
+        if (!waitFor(fd, POLLIN, Clock::now() + patience)) {
+            std::fprintf(stderr, "no answer in 20 s: the server holds the connection\n");
+            std::abort();
         }
-        if (::recv(fd, buffer, sizeof buffer, 0) <= 0)
+        const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0)
             break;
     }
     ::close(fd);
