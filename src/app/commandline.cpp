@@ -15,6 +15,11 @@ CommandLine CommandLine::parse(const QStringList& arguments) {
             cl.benchPrefetch = true;
         } else if (a == QLatin1String("--usage-test")) {
             cl.usageTest = true;
+        } else if (a == QLatin1String("--caption-test")) {
+            cl.captionTest = true;
+        } else if (a == QLatin1String("--render-caption") && i + 4 < arguments.size()) {
+            cl.renderCaption = arguments.mid(i + 1, 4);
+            i += 4;
         } else if (a == QLatin1String("--help") || a == QLatin1String("-h")) {
             cl.help = true;
         } else if (a == QLatin1String("--version")) {
@@ -35,6 +40,7 @@ QString usageText() {
     return QStringLiteral(
         "Usage: orvane [--show]\n"
         "       orvane --print-config | --query TEXT | --bench | --bench-prefetch | --usage-test\n"
+        "       orvane --caption-test | --render-caption IN TOP BOTTOM OUT.jpg\n"
         "\n"
         "Without a switch, Orvane stays in the tray and its shortcut (Ctrl+M unless changed)\n"
         "opens the picker. Started again, it opens the picker of the copy already running.\n"
@@ -45,6 +51,8 @@ QString usageText() {
         "  --bench           time per-keystroke searches of the rankers\n"
         "  --bench-prefetch  time image downloads against naive prefetching\n"
         "  --usage-test      self-check of recents, most used and clearing\n"
+        "  --caption-test    self-check of the caption editor and renderer\n"
+        "  --render-caption  draw TOP and BOTTOM on the image IN, write OUT.jpg\n"
         "  --version         print the version\n"
         "  --help            print this help\n");
 }

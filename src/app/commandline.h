@@ -11,6 +11,9 @@ struct CommandLine {
     bool bench = false;
     bool benchPrefetch = false;
     bool usageTest = false;
+    bool captionTest = false;
+    // --render-caption IN TOP BOTTOM OUT
+    QStringList renderCaption;
     bool help = false;
     bool version = false;
     QString query; // --query TEXT
@@ -21,8 +24,10 @@ struct CommandLine {
     static CommandLine parse(const QStringList& arguments);
     // True when the mode prints and exits, so no display is needed.
     bool isOneShot() const {
-        return printConfig || hasQuery || bench || benchPrefetch || usageTest;
+        return printConfig || hasQuery || bench || benchPrefetch || usageTest || needsFonts();
     }
+    // One-shot modes that draw text, so they need a GUI application (any platform will do).
+    bool needsFonts() const { return captionTest || !renderCaption.isEmpty(); }
 };
 
 // The text of --help, also printed to stderr after a usage error.

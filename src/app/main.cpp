@@ -2,6 +2,7 @@
 #include "app/appdelegate.h"
 #include "app/benchcommand.h"
 #include "app/benchprefetch.h"
+#include "app/captioncommands.h"
 #include "app/commandline.h"
 #include "app/querycommand.h"
 #include "app/quitsignals.h"
@@ -10,6 +11,7 @@
 #include "buildinfo.h"
 
 #include <QApplication>
+#include <QGuiApplication>
 #include <QTextStream>
 #include <memory>
 
@@ -23,6 +25,13 @@ int runOneShot(const CommandLine& cl) {
         return runPrefetchBench(out);
     if (cl.usageTest)
         return runUsageTest(out);
+    if (cl.captionTest)
+        return runCaptionTest(out);
+    if (!cl.renderCaption.isEmpty()) {
+        QTextStream err(stderr);
+        return runRenderCaption(cl.renderCaption[0], cl.renderCaption[1], cl.renderCaption[2],
+                                cl.renderCaption[3], err);
+    }
     if (cl.hasQuery)
         return runQueryCommand(cl.query, out);
     for (const QString& line : configReport())
@@ -50,6 +59,15 @@ int main(int argc, char** argv) {
         return 0;
     }
 
+    if (cl.needsFonts()) {
+        // Text needs a GUI application; without a display the offscreen platform draws it.
+        if (qEnvironmentVariableIsEmpty("DISPLAY") &&
+            qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY"))
+            qputenv("QT_QPA_PLATFORM", "offscreen");
+        QGuiApplication app(argc, argv);
+        QGuiApplication::setApplicationName(QStringLiteral("Orvane"));
+        return runOneShot(cl);
+    }
     if (cl.isOneShot()) {
         // One-shot modes run without a GUI platform, so they work over SSH and in CI.
         QCoreApplication app(argc, argv);

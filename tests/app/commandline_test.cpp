@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include <QHash>
+#include <QImage>
 #include <QProcess>
+#include <QTemporaryDir>
 #include <gtest/gtest.h>
 
 namespace {
@@ -73,4 +75,36 @@ TEST(CommandLine, UnknownSwitchPrintsTheUsageAndFails) {
             QStringLiteral("orvane: unknown argument %1\n\nUsage: orvane").arg(args.last())))
             << r.err.toStdString();
     }
+}
+
+TEST(CommandLine, CaptionSwitchesWorkWithoutADisplay) {
+    OrvaneRun r = orvane({QStringLiteral("--caption-test")}, {});
+    EXPECT_EQ(r.exitCode, 0) << r.out.toStdString() << r.err.toStdString();
+    EXPECT_TRUE(r.out.startsWith(QLatin1String("caption-test: editor open=true\n")))
+        << r.out.toStdString();
+    EXPECT_TRUE(r.out.contains(QLatin1String("caption-test: after esc editor open=false\n")));
+
+    QTemporaryDir dir;
+    const QString in = dir.filePath(QStringLiteral("in.png"));
+    const QString out = dir.filePath(QStringLiteral("out.jpg"));
+    QImage grey(300, 200, QImage::Format_RGB32);
+    grey.fill(QColor(128, 128, 128));
+    ASSERT_TRUE(grey.save(in));
+    r = orvane({QStringLiteral("--render-caption"), in, QStringLiteral("top"), QString(), out}, {});
+    EXPECT_EQ(r.exitCode, 0) << r.err.toStdString();
+    const QImage drawn(out);
+    ASSERT_EQ(drawn.size(), QSize(300, 200));
+    int whiteAtTop = 0;
+    int whiteBelow = 0;
+    for (int y = 0; y < 200; ++y)
+        for (int x = 0; x < 300; ++x)
+            (y < 60 ? whiteAtTop : whiteBelow) += qGray(drawn.pixel(x, y)) > 235;
+    EXPECT_GT(whiteAtTop, 100);
+    EXPECT_EQ(whiteBelow, 0);
+
+    r = orvane({QStringLiteral("--render-caption"), dir.filePath(QStringLiteral("none.png")),
+                QStringLiteral("a"), QStringLiteral("b"), out},
+               {});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_TRUE(r.err.contains(QLatin1String("orvane: cannot read "))) << r.err.toStdString();
 }
