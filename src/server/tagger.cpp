@@ -7,6 +7,7 @@
 #include "server/wordnet.h"
 
 #include <QFile>
+#include <algorithm>
 
 namespace {
 
@@ -14,6 +15,31 @@ namespace {
 // mostly such noise.
 constexpr float minConfidence = 50;
 constexpr int maxKeywords = 12;
+// A reading whose every word is this sure needs no second look.
+constexpr float confidentRead = 85;
+
+// Near-white, unsaturated pixels (caption letters) black, everything else white.
+QImage lightTextMask(const QImage& image) {
+    const QImage rgb = image.convertToFormat(QImage::Format_RGB32);
+    QImage mask(rgb.size(), QImage::Format_Grayscale8);
+    for (int y = 0; y < rgb.height(); ++y) {
+        const auto* in = reinterpret_cast<const QRgb*>(rgb.constScanLine(y));
+        uchar* out = mask.scanLine(y);
+        for (int x = 0; x < rgb.width(); ++x) {
+            const int r = qRed(in[x]), g = qGreen(in[x]), b = qBlue(in[x]);
+            const int low = std::min({r, g, b}), high = std::max({r, g, b});
+            out[x] = low >= 190 && high - low <= 40 ? 0 : 255;
+        }
+    }
+    return mask;
+}
+
+float score(const std::vector<OcrEngine::Word>& words) {
+    float sum = 0;
+    for (const OcrEngine::Word& word : words)
+        sum += word.confidence;
+    return sum;
+}
 
 // Words a caption is made of that WordNet leaves out (it has no pronouns, articles or
 // auxiliaries), and chat words. They are kept in the text; none of them is a keyword.
@@ -124,8 +150,8 @@ QStringList Tagger::lemmasOf(const QString& lower) const {
     return lemmas;
 }
 
-QStringList Tagger::cleanWords(const std::vector<OcrEngine::Word>& words) const {
-    QStringList kept;
+std::vector<OcrEngine::Word> Tagger::cleanWords(const std::vector<OcrEngine::Word>& words) const {
+    std::vector<OcrEngine::Word> kept;
     for (const OcrEngine::Word& word : words) {
         if (word.confidence < minConfidence)
             continue;
@@ -141,9 +167,22 @@ QStringList Tagger::cleanWords(const std::vector<OcrEngine::Word>& words) const 
         });
         if (text.isEmpty() || !letters || !isWord(text.toLower()))
             continue;
-        kept.append(text);
+        kept.push_back({text, word.confidence});
     }
     return kept;
+}
+
+std::vector<OcrEngine::Word> Tagger::readText(const QImage& image, OcrEngine& ocr) const {
+    std::vector<OcrEngine::Word> plain = cleanWords(ocr.read(image));
+    if (!plain.empty() && std::all_of(plain.begin(), plain.end(),
+                                      [](const auto& w) { return w.confidence >= confidentRead; }))
+        return plain;
+    // Tesseract reads dark text on a light ground. The classic caption is the opposite: white
+    // letters with a dark outline over a busy picture, where it finds mostly noise. So when
+    // the plain reading is unsure, read the light parts alone as dark on white, and keep the
+    // reading with more confident words.
+    std::vector<OcrEngine::Word> light = cleanWords(ocr.read(lightTextMask(image)));
+    return score(light) > score(plain) ? light : plain;
 }
 
 Tags Tagger::fromWords(const QStringList& words) const {
@@ -176,7 +215,10 @@ Tags Tagger::fromWords(const QStringList& words) const {
 }
 
 Tags Tagger::tag(const QImage& image, OcrEngine& ocr) const {
-    Tags tags = fromWords(cleanWords(ocr.read(image)));
+    QStringList words;
+    for (const OcrEngine::Word& word : readText(image, ocr))
+        words.append(word.text);
+    Tags tags = fromWords(words);
     const std::optional<TemplateIndex::Match> match =
         m_templates ? m_templates->match(ImageHash::of(image)) : std::nullopt;
     if (match) {

@@ -48,12 +48,13 @@ public:
 
     Tags tag(const QImage& image, OcrEngine& ocr) const;
     // The words of what OCR read that are words: confident enough, letters only, and either
-    // common short words or words WordNet knows.
-    QStringList cleanWords(const std::vector<OcrEngine::Word>& words) const;
+    // common short words or words WordNet knows; without punctuation at either end.
+    std::vector<OcrEngine::Word> cleanWords(const std::vector<OcrEngine::Word>& words) const;
     // Tags from the cleaned words alone.
     Tags fromWords(const QStringList& words) const;
 
 private:
+    std::vector<OcrEngine::Word> readText(const QImage& image, OcrEngine& ocr) const;
     bool isWord(const QString& lower) const;
     QStringList lemmasOf(const QString& lower) const;
 
