@@ -13,6 +13,9 @@ namespace {
 // 640 pixels) often has captions smaller than that, so small pictures are enlarged first.
 constexpr int minLongSide = 1200;
 constexpr double maxUpscale = 3.0;
+// Larger pictures are read at this size: reading time grows with the pixels, and a caption
+// stays legible.
+constexpr int maxLongSide = 2400;
 
 } // namespace
 
@@ -42,11 +45,14 @@ std::vector<OcrEngine::Word> OcrEngine::read(const QImage& image) {
         return words;
     QImage grey = image.convertToFormat(QImage::Format_Grayscale8);
     const int longSide = std::max(grey.width(), grey.height());
-    if (longSide < minLongSide) {
-        const double factor = std::min(maxUpscale, double(minLongSide) / longSide);
-        grey = grey.scaled(int(grey.width() * factor), int(grey.height() * factor),
-                           Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
-    }
+    const double factor = longSide < minLongSide
+                              ? std::min(maxUpscale, double(minLongSide) / longSide)
+                          : longSide > maxLongSide ? double(maxLongSide) / longSide
+                                                   : 1.0;
+    if (factor != 1.0)
+        grey = grey.scaled(std::max(1, int(grey.width() * factor)),
+                           std::max(1, int(grey.height() * factor)), Qt::IgnoreAspectRatio,
+                           Qt::SmoothTransformation);
     m_api->SetImage(grey.constBits(), grey.width(), grey.height(), 1, int(grey.bytesPerLine()));
     // Uploads carry no resolution; saying one keeps Tesseract from guessing and warning.
     m_api->SetSourceResolution(300);

@@ -64,9 +64,7 @@ TagService::TagService(TagStore& store, const Tagger& tagger, TagLimits limits, 
     // A second line of defence behind the declared-size check: Qt refuses to allocate more
     // than this for any one decoded picture. It is process-wide; the catalog's pictures are
     // far below it.
-    const std::int64_t decodedMegabytes = m_limits.maxPixels * 4 / (1024 * 1024) + 1;
-    QImageReader::setAllocationLimit(
-        int(std::max<std::int64_t>(decodedMegabytes, QImageReader::allocationLimit())));
+    QImageReader::setAllocationLimit(int(m_limits.maxPixels * 4 / (1024 * 1024) + 1));
     for (int i = 0; i < std::max(1, m_limits.workers); ++i)
         m_workers.emplace_back([this] { work(); });
 }
