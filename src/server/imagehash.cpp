@@ -5,12 +5,14 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <cstdlib>
 #include <numbers>
 
 namespace {
 
-constexpr int side = 32; // the grey copy
-constexpr int kept = 8;  // the lowest frequencies, kept×kept of them
+constexpr int side = 32;       // the grey copy
+constexpr int kept = 8;        // the lowest frequencies, kept×kept of them
+constexpr int colourCells = 8; // colours of colourCells×colourCells cells
 
 using Matrix = std::array<std::array<double, side>, side>;
 
@@ -28,9 +30,17 @@ const Matrix& basis() {
 
 } // namespace
 
-std::uint64_t ImageHash::of(const QImage& image) {
+int ImageHash::colourDistance(const Colours& a, const Colours& b) {
+    int sum = 0;
+    for (std::size_t i = 0; i < a.size(); ++i)
+        sum += std::abs(int(a[i]) - int(b[i]));
+    return sum;
+}
+
+ImageHash::Print ImageHash::of(const QImage& image) {
+    Print print;
     if (image.isNull())
-        return 0;
+        return print;
     // Two steps: a smooth scale of a very large picture to 32×32 would average too few
     // pixels and alias, so first to a moderate size.
     QImage work = image;
@@ -44,8 +54,19 @@ std::uint64_t ImageHash::of(const QImage& image) {
         painter.end();
         work = flat;
     }
-    const QImage grey = work.scaled(side, side, Qt::IgnoreAspectRatio, Qt::SmoothTransformation)
-                            .convertToFormat(QImage::Format_Grayscale8);
+    const QImage small = work.scaled(side, side, Qt::IgnoreAspectRatio, Qt::SmoothTransformation)
+                             .convertToFormat(QImage::Format_RGB32);
+    const QImage grey = small.convertToFormat(QImage::Format_Grayscale8);
+    const QImage cells =
+        small.scaled(colourCells, colourCells, Qt::IgnoreAspectRatio, Qt::SmoothTransformation);
+    for (int y = 0; y < colourCells; ++y)
+        for (int x = 0; x < colourCells; ++x) {
+            const QRgb pixel = cells.pixel(x, y);
+            const std::size_t at = std::size_t(y * colourCells + x) * 3;
+            print.colours[at] = std::uint8_t(qRed(pixel));
+            print.colours[at + 1] = std::uint8_t(qGreen(pixel));
+            print.colours[at + 2] = std::uint8_t(qBlue(pixel));
+        }
 
     const Matrix& cosine = basis();
     // Only the kept×kept low frequencies are needed: rows first, then columns.
@@ -72,9 +93,8 @@ std::uint64_t ImageHash::of(const QImage& image) {
     std::copy(coefficients.begin() + 1, coefficients.end(), sorted.begin());
     std::nth_element(sorted.begin(), sorted.begin() + sorted.size() / 2, sorted.end());
     const double median = sorted[sorted.size() / 2];
-    std::uint64_t hash = 0;
     for (int i = 0; i < kept * kept; ++i)
         if (coefficients[i] > median)
-            hash |= std::uint64_t(1) << i;
-    return hash;
+            print.shape |= std::uint64_t(1) << i;
+    return print;
 }

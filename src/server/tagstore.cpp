@@ -6,6 +6,7 @@
 
 #include <QDateTime>
 #include <QFileInfo>
+#include <cstring>
 #include <sqlite3.h>
 
 namespace {
@@ -17,8 +18,8 @@ const char* const schema[] = {
     " install_id TEXT NOT NULL, collection TEXT NOT NULL, file TEXT NOT NULL,"
     " tags TEXT NOT NULL, created TEXT NOT NULL)",
     "CREATE INDEX IF NOT EXISTS tags_device ON tags(device)",
-    "CREATE TABLE IF NOT EXISTS template_hashes(path TEXT PRIMARY KEY, size INTEGER NOT NULL,"
-    " mtime_ns INTEGER NOT NULL, hash INTEGER NOT NULL)",
+    "CREATE TABLE IF NOT EXISTS template_prints(path TEXT PRIMARY KEY, size INTEGER NOT NULL,"
+    " mtime_ns INTEGER NOT NULL, shape INTEGER NOT NULL, colours BLOB NOT NULL)",
 };
 
 class Statement {
@@ -125,32 +126,38 @@ std::optional<std::int64_t> TagStore::removeDevice(const std::string& device) {
     return sqlite3_changes64(m_db);
 }
 
-std::optional<std::uint64_t> TagStore::cachedHash(const std::string& path, std::int64_t size,
-                                                  std::int64_t mtimeNs) {
+std::optional<ImageHash::Print> TagStore::cachedPrint(const std::string& path, std::int64_t size,
+                                                      std::int64_t mtimeNs) {
     const std::lock_guard lock(m_lock);
-    Statement select(m_db, "SELECT hash FROM template_hashes"
+    Statement select(m_db, "SELECT shape, colours FROM template_prints"
                            " WHERE path = ?1 AND size = ?2 AND mtime_ns = ?3");
     if (!select)
         return std::nullopt;
     select.bind(1, path);
     select.bind(2, size);
     select.bind(3, mtimeNs);
-    if (sqlite3_step(select.get()) != SQLITE_ROW)
+    ImageHash::Print print;
+    if (sqlite3_step(select.get()) != SQLITE_ROW ||
+        sqlite3_column_bytes(select.get(), 1) != int(print.colours.size()))
         return std::nullopt;
-    return static_cast<std::uint64_t>(sqlite3_column_int64(select.get(), 0));
+    print.shape = static_cast<std::uint64_t>(sqlite3_column_int64(select.get(), 0));
+    std::memcpy(print.colours.data(), sqlite3_column_blob(select.get(), 1), print.colours.size());
+    return print;
 }
 
-void TagStore::storeHash(const std::string& path, std::int64_t size, std::int64_t mtimeNs,
-                         std::uint64_t hash) {
+void TagStore::storePrint(const std::string& path, std::int64_t size, std::int64_t mtimeNs,
+                          const ImageHash::Print& print) {
     const std::lock_guard lock(m_lock);
-    Statement insert(m_db, "INSERT OR REPLACE INTO template_hashes VALUES(?1,?2,?3,?4)");
+    Statement insert(m_db, "INSERT OR REPLACE INTO template_prints VALUES(?1,?2,?3,?4,?5)");
     if (!insert)
         return;
     insert.bind(1, path);
     insert.bind(2, size);
     insert.bind(3, mtimeNs);
     // SQLite integers are signed; the bits go in and come out unchanged.
-    insert.bind(4, static_cast<std::int64_t>(hash));
+    insert.bind(4, static_cast<std::int64_t>(print.shape));
+    sqlite3_bind_blob(insert.get(), 5, print.colours.data(), int(print.colours.size()),
+                      SQLITE_TRANSIENT);
     if (sqlite3_step(insert.get()) != SQLITE_DONE)
         qCWarning(lcServer).noquote() << "tags: sqlite:" << sqlite3_errmsg(m_db);
 }

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "server/imagehash.h"
+
 #include <QString>
 #include <cstdint>
 #include <memory>
@@ -11,7 +13,7 @@
 struct sqlite3;
 
 // What the tagging service keeps, in one SQLite file: the tags it gave each device (never the
-// pictures), and the perceptual hashes of the catalog's pictures keyed by file, size and
+// pictures), and the perceptual prints of the catalog's pictures keyed by file, size and
 // modification time, so a restart does not decode the whole catalog again.
 //
 // Any thread may call every method; they are serialised.
@@ -41,10 +43,11 @@ public:
     // SQLite fails (logged).
     std::optional<std::int64_t> removeDevice(const std::string& device);
 
-    std::optional<std::uint64_t> cachedHash(const std::string& path, std::int64_t size,
-                                            std::int64_t mtimeNs);
-    void storeHash(const std::string& path, std::int64_t size, std::int64_t mtimeNs,
-                   std::uint64_t hash);
+    // The print of a catalog picture as stored for this size and time, if it was.
+    std::optional<ImageHash::Print> cachedPrint(const std::string& path, std::int64_t size,
+                                                std::int64_t mtimeNs);
+    void storePrint(const std::string& path, std::int64_t size, std::int64_t mtimeNs,
+                    const ImageHash::Print& print);
 
 private:
     explicit TagStore(sqlite3* db) : m_db(db) {}

@@ -11,6 +11,7 @@
 #include <QFile>
 #include <QImageReader>
 #include <QUrl>
+#include <algorithm>
 #include <sys/stat.h>
 #include <unordered_set>
 
@@ -40,20 +41,29 @@ std::size_t TemplateIndex::size() const {
     return m_templates.size();
 }
 
-std::optional<TemplateIndex::Match> TemplateIndex::match(std::uint64_t hash) const {
+std::optional<TemplateIndex::Match> TemplateIndex::match(const ImageHash::Print& print) const {
+    // Shapes this many bits further than the nearest still count as the same picture, so that
+    // colour can choose between them (JPEG noise moves a few bits).
+    constexpr int sameShapeBits = 4;
     const std::lock_guard lock(m_lock);
+    int nearest = 65;
+    for (const Template& t : m_templates)
+        nearest = std::min(nearest, ImageHash::distance(print.shape, t.print.shape));
+    if (nearest > m_maxDistance)
+        return std::nullopt;
     const Template* best = nullptr;
-    int bestDistance = 65;
+    int bestColour = 0;
     for (const Template& t : m_templates) {
-        const int d = ImageHash::distance(hash, t.hash);
-        if (d < bestDistance) {
-            bestDistance = d;
+        const int d = ImageHash::distance(print.shape, t.print.shape);
+        if (d > std::min(m_maxDistance, nearest + sameShapeBits))
+            continue;
+        const int colour = ImageHash::colourDistance(print.colours, t.print.colours);
+        if (!best || colour < bestColour) {
             best = &t;
+            bestColour = colour;
         }
     }
-    if (!best || bestDistance > m_maxDistance)
-        return std::nullopt;
-    return Match{*best, bestDistance};
+    return Match{*best, ImageHash::distance(print.shape, best->print.shape)};
 }
 
 void TemplateIndex::build() {
@@ -84,17 +94,17 @@ void TemplateIndex::build() {
             continue;
         const std::int64_t mtimeNs =
             std::int64_t(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec;
-        std::optional<std::uint64_t> hash =
-            m_cache ? m_cache->cachedHash(file->string(), info.st_size, mtimeNs) : std::nullopt;
-        if (!hash) {
+        std::optional<ImageHash::Print> print =
+            m_cache ? m_cache->cachedPrint(file->string(), info.st_size, mtimeNs) : std::nullopt;
+        if (!print) {
             QImageReader reader(QString::fromStdString(file->string()));
             const QImage image = reader.read();
             if (image.isNull())
                 continue;
-            hash = ImageHash::of(image);
+            print = ImageHash::of(image);
             ++computed;
             if (m_cache)
-                m_cache->storeHash(file->string(), info.st_size, mtimeNs, *hash);
+                m_cache->storePrint(file->string(), info.st_size, mtimeNs, *print);
         }
         Template t{meme.id,
                    meme.description,
@@ -103,7 +113,7 @@ void TemplateIndex::build() {
                    meme.actions.value_or(QStringList()),
                    meme.use_cases,
                    meme.keywords,
-                   *hash};
+                   *print};
         const std::lock_guard lock(m_lock);
         m_templates.push_back(std::move(t));
     }

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "server/imagehash.h"
+
 #include <QString>
 #include <QStringList>
 #include <atomic>
@@ -15,7 +17,7 @@
 class TagStore;
 
 // The meme templates of the served catalog, recognised by picture: the perceptual hash
-// (ImageHash) of every record's full image. The hashes are computed on a thread of its own
+// (ImageHash) of every record's full image. The prints are computed on a thread of its own
 // after start(), cached in the tag store by file, size and modification time, so a restart
 // only reads them back; until then match() answers from those done so far.
 //
@@ -30,7 +32,7 @@ public:
         QStringList actions;
         QStringList useCases;
         QStringList keywords;
-        std::uint64_t hash = 0;
+        ImageHash::Print print;
     };
     struct Match {
         Template found;
@@ -50,8 +52,9 @@ public:
     // Waits until every template is hashed; false when `timeout` passed first.
     bool waitUntilReady(std::chrono::milliseconds timeout);
     std::size_t size() const;
-    // The nearest template within the distance, if any.
-    std::optional<Match> match(std::uint64_t hash) const;
+    // The nearest template within the distance, if any; among templates of about the same
+    // shape, the one nearest in colour.
+    std::optional<Match> match(const ImageHash::Print& print) const;
 
 private:
     void build();
