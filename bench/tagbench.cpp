@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // The tagging endpoint, measured through HTTP against an in-process orvane-server stack:
 //   orvane-tag-bench [--catalog DIR] [--ocr 50] [--templates 200] [--others 50] [--workers 2]
+//                    [--show-misses]
 // Prints
 //   ocr        POST /v1/import/tag of captioned pictures (640×360, 2 lines of 2 to 4 words,
 //              half black on white, half white with a black outline on a busy background):
@@ -43,10 +44,12 @@ struct Options {
     int templates = 200;
     int others = 50;
     int workers = 2;
+    bool showMisses = false;
 };
 
 Options parse(const QStringList& args) {
     Options o;
+    o.showMisses = args.contains(QLatin1String("--show-misses"));
     for (qsizetype i = 1; i + 1 < args.size(); i += 2) {
         const QString& name = args[i];
         const int value = args[i + 1].toInt();
@@ -254,6 +257,9 @@ int main(int argc, char** argv) {
             ++right;
         else if (descriptions.contains(description))
             ++wrong;
+        if (options.showMisses && description != meme.description)
+            std::printf("  miss: %s \"%s\" answered \"%s\"\n", qPrintable(meme.id),
+                        qPrintable(meme.description), qPrintable(description));
     }
     std::printf("templates: %d of %d resized copies recognised (%.1f%%), %d taken for another "
                 "template\n",
