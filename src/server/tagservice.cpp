@@ -11,6 +11,7 @@
 #include <QImageReader>
 #include <QUrl>
 #include <clocale>
+#include <cmath>
 #include <nlohmann/json.hpp>
 
 namespace {
