@@ -126,23 +126,24 @@ std::optional<std::int64_t> TagStore::removeDevice(const std::string& device) {
     return sqlite3_changes64(m_db);
 }
 
-std::optional<ImageHash::Print> TagStore::cachedPrint(const std::string& path, std::int64_t size,
-                                                      std::int64_t mtimeNs) {
+std::unordered_map<std::string, TagStore::StoredPrint> TagStore::prints() {
     const std::lock_guard lock(m_lock);
-    Statement select(m_db, "SELECT shape, colours FROM template_prints"
-                           " WHERE path = ?1 AND size = ?2 AND mtime_ns = ?3");
-    if (!select)
-        return std::nullopt;
-    select.bind(1, path);
-    select.bind(2, size);
-    select.bind(3, mtimeNs);
-    ImageHash::Print print;
-    if (sqlite3_step(select.get()) != SQLITE_ROW ||
-        sqlite3_column_bytes(select.get(), 1) != int(print.colours.size()))
-        return std::nullopt;
-    print.shape = static_cast<std::uint64_t>(sqlite3_column_int64(select.get(), 0));
-    std::memcpy(print.colours.data(), sqlite3_column_blob(select.get(), 1), print.colours.size());
-    return print;
+    std::unordered_map<std::string, StoredPrint> found;
+    Statement select(m_db, "SELECT path, size, mtime_ns, shape, colours FROM template_prints");
+    while (select && sqlite3_step(select.get()) == SQLITE_ROW) {
+        StoredPrint stored;
+        if (sqlite3_column_bytes(select.get(), 4) != int(stored.print.colours.size()))
+            continue;
+        stored.size = sqlite3_column_int64(select.get(), 1);
+        stored.mtimeNs = sqlite3_column_int64(select.get(), 2);
+        stored.print.shape = static_cast<std::uint64_t>(sqlite3_column_int64(select.get(), 3));
+        std::memcpy(stored.print.colours.data(), sqlite3_column_blob(select.get(), 4),
+                    stored.print.colours.size());
+        const auto* path = reinterpret_cast<const char*>(sqlite3_column_text(select.get(), 0));
+        found.emplace(std::string(path, std::size_t(sqlite3_column_bytes(select.get(), 0))),
+                      stored);
+    }
+    return found;
 }
 
 void TagStore::storePrint(const std::string& path, std::int64_t size, std::int64_t mtimeNs,

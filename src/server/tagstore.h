@@ -9,6 +9,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
 
 struct sqlite3;
 
@@ -43,9 +44,13 @@ public:
     // SQLite fails (logged).
     std::optional<std::int64_t> removeDevice(const std::string& device);
 
-    // The print of a catalog picture as stored for this size and time, if it was.
-    std::optional<ImageHash::Print> cachedPrint(const std::string& path, std::int64_t size,
-                                                std::int64_t mtimeNs);
+    struct StoredPrint {
+        std::int64_t size = 0;
+        std::int64_t mtimeNs = 0;
+        ImageHash::Print print;
+    };
+    // Every stored print of a catalog picture, by path: read at once, not one query each.
+    std::unordered_map<std::string, StoredPrint> prints();
     void storePrint(const std::string& path, std::int64_t size, std::int64_t mtimeNs,
                     const ImageHash::Print& print);
 

@@ -82,6 +82,8 @@ void TemplateIndex::build() {
     }
     int computed = 0;
     std::unordered_set<std::string> seen;
+    const auto cached =
+        m_cache ? m_cache->prints() : std::unordered_map<std::string, TagStore::StoredPrint>();
     for (const Meme& meme : *memes) {
         if (m_stop)
             return;
@@ -94,8 +96,10 @@ void TemplateIndex::build() {
             continue;
         const std::int64_t mtimeNs =
             std::int64_t(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec;
-        std::optional<ImageHash::Print> print =
-            m_cache ? m_cache->cachedPrint(file->string(), info.st_size, mtimeNs) : std::nullopt;
+        std::optional<ImageHash::Print> print;
+        if (const auto it = cached.find(file->string());
+            it != cached.end() && it->second.size == info.st_size && it->second.mtimeNs == mtimeNs)
+            print = it->second.print;
         if (!print) {
             QImageReader reader(QString::fromStdString(file->string()));
             const QImage image = reader.read();
