@@ -287,3 +287,30 @@ TEST(TagService, AnswersBusyWhenTheQueueIsFullAndServesFilesMeanwhile) {
     EXPECT_GE(busy, 1);
     EXPECT_LE(busy, 5);
 }
+
+TEST(Tagger, KeepsRealWordsAndTagsThemWithTheCatalogsFeelings) {
+    const std::unique_ptr<WordNet> wordNet = WordNet::open();
+    if (!wordNet)
+        GTEST_SKIP() << "no WordNet database (Debian: wordnet-base)";
+    const Tagger tagger(wordNet.get(), nullptr);
+    const auto kept = tagger.cleanWords({{"WHEN", 95},
+                                         {"ee", 92},
+                                         {"l1ke", 90},
+                                         {"\"crying,", 90},
+                                         {"Cats!", 88},
+                                         {"laughing", 80},
+                                         {"grumpy", 30}});
+    QStringList texts;
+    for (const auto& word : kept)
+        texts.append(word.text);
+    EXPECT_EQ(texts, (QStringList{"WHEN", "crying", "Cats", "laughing"}));
+
+    const Tags tags = tagger.fromWords(texts);
+    EXPECT_EQ(tags.ocrText, "WHEN crying Cats laughing");
+    // A word WordNet knows as it stands stays as it is; "Cats" is not a lemma, "cat" is.
+    EXPECT_EQ(tags.keywords, (QStringList{"crying", "cat", "laughing"}));
+    EXPECT_EQ(tags.actions, (QStringList{"cry", "laugh"}));
+    EXPECT_TRUE(tags.emotions.contains("amused")) << tags.emotions.join(',').toStdString();
+    EXPECT_EQ(tags.language, "en");
+    EXPECT_TRUE(tagger.fromWords({}).language.isEmpty());
+}
