@@ -11,6 +11,8 @@ packages=(
     # orvane-server's hybrid search reads WordNet's database; scripts/measure-search.sh loads
     # the server with wrk.
     wordnet-base wrk
+    # orvane-server's tagging reads the text on pictures with Tesseract and its English model.
+    libtesseract-dev tesseract-ocr-eng
     libgtest-dev libgmock-dev libbenchmark-dev
     libxcb1-dev libxcb-xtest0-dev libxcb-keysyms1-dev libxcb-xfixes0-dev libxcb-xkb-dev
     xvfb openbox xdotool xclip dbus-x11 x11-utils fonts-dejavu-core

@@ -79,8 +79,18 @@ struct CatalogServer::Connection {
     std::list<Connection*>::iterator self;
 };
 
+// The answer of an async route, shared by the exchange and the handler's Respond.
+struct CatalogServer::Pending {
+    std::mutex lock;
+    // Set while the connection is suspended; cleared by whoever resumes it.
+    MHD_Connection* suspended = nullptr;
+    bool answered = false;
+    HttpResponse reply;
+};
+
 struct CatalogServer::Exchange {
     std::string target;
+    std::shared_ptr<Pending> pending;
     bool started = false;
     bool bodyTooLarge = false;
     bool servesFile = false;
@@ -164,6 +174,16 @@ int queueText(MHD_Connection* connection, unsigned status, const std::string& te
     return queue(connection, status, response);
 }
 
+int queueReply(MHD_Connection* connection, const HttpResponse& reply) {
+    MHD_Response* response = bufferResponse(reply.body);
+    if (!response)
+        return MHD_NO;
+    MHD_add_response_header(response, "Content-Type", reply.contentType.c_str());
+    for (const auto& [name, value] : reply.headers)
+        MHD_add_response_header(response, name.c_str(), value.c_str());
+    return queue(connection, static_cast<unsigned>(reply.status), response);
+}
+
 std::string peerOf(MHD_Connection* connection) {
     const MHD_ConnectionInfo* info =
         MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
@@ -207,8 +227,14 @@ CatalogServer::~CatalogServer() {
 
 void CatalogServer::addRoute(std::string method, std::string path, Handler handler,
                              std::size_t maxBodyBytes, HttpResponse tooLarge) {
-    m_routes.push_back({std::move(method), std::move(path), std::move(handler), maxBodyBytes,
-                        std::move(tooLarge)});
+    m_routes.push_back({std::move(method), std::move(path), std::move(handler), nullptr,
+                        maxBodyBytes, std::move(tooLarge)});
+}
+
+void CatalogServer::addAsyncRoute(std::string method, std::string path, AsyncHandler handler,
+                                  std::size_t maxBodyBytes, HttpResponse tooLarge) {
+    m_routes.push_back({std::move(method), std::move(path), nullptr, std::move(handler),
+                        maxBodyBytes, std::move(tooLarge)});
 }
 
 int CatalogServer::refuseBody(MHD_Connection* connection, const Route& route) {
@@ -307,7 +333,8 @@ bool CatalogServer::startDaemon() {
     // poll(), level-triggered, not epoll: libmicrohttpd 0.9.75's edge-triggered epoll loses the
     // end of stream that arrives together with a request's last bytes, so a client that
     // half-closes after its request held its connection until the request deadline.
-    const unsigned flags = MHD_USE_POLL_INTERNAL_THREAD | (m_ipv6 ? MHD_USE_IPv6 : 0);
+    const unsigned flags =
+        MHD_USE_POLL_INTERNAL_THREAD | MHD_ALLOW_SUSPEND_RESUME | (m_ipv6 ? MHD_USE_IPv6 : 0);
     m_daemon = MHD_start_daemon(
         flags, 0, nullptr, nullptr, &onAccess, this, MHD_OPTION_LISTEN_SOCKET, m_listenFd,
         MHD_OPTION_THREAD_POOL_SIZE, threads, MHD_OPTION_CONNECTION_LIMIT, connections,
@@ -334,6 +361,23 @@ void CatalogServer::stopDaemon() {
     m_stateChanged.notify_all();
     if (m_watchdog.joinable())
         m_watchdog.join();
+    {
+        // libmicrohttpd must not stop with suspended connections; a handler that answers
+        // after this finds its connection gone and does nothing.
+        const std::lock_guard lock(m_pendingMutex);
+        for (const std::weak_ptr<Pending>& weak : m_pending) {
+            const std::shared_ptr<Pending> pending = weak.lock();
+            if (!pending)
+                continue;
+            const std::lock_guard pendingLock(pending->lock);
+            if (!pending->suspended)
+                continue;
+            pending->answered = true;
+            pending->reply = {503, "text/plain; charset=utf-8", "server stopping\n", {}};
+            MHD_resume_connection(std::exchange(pending->suspended, nullptr));
+        }
+        m_pending.clear();
+    }
     if (daemon)
         MHD_stop_daemon(daemon);
 }
@@ -462,6 +506,8 @@ int CatalogServer::onRequest(MHD_Connection* connection, const char* method, con
 }
 
 int CatalogServer::answer(MHD_Connection* connection, Exchange& exchange) {
+    if (exchange.pending)
+        return answerLater(connection, exchange);
     if (exchange.request.headers.empty())
         MHD_get_connection_values(
             connection, MHD_HEADER_KIND,
@@ -479,6 +525,8 @@ int CatalogServer::answer(MHD_Connection* connection, Exchange& exchange) {
             },
             &exchange.request);
     exchange.request.peer = peerOf(connection);
+    if (exchange.route->asyncHandler)
+        return answerLater(connection, exchange);
     const HttpResponse reply = exchange.route->handler(exchange.request);
     MHD_Response* response = bufferResponse(reply.body);
     if (!response)
@@ -487,6 +535,47 @@ int CatalogServer::answer(MHD_Connection* connection, Exchange& exchange) {
     for (const auto& [name, value] : reply.headers)
         MHD_add_response_header(response, name.c_str(), value.c_str());
     return queue(connection, static_cast<unsigned>(reply.status), response);
+}
+
+int CatalogServer::answerLater(MHD_Connection* connection, Exchange& exchange) {
+    if (!exchange.pending) {
+        auto pending = std::make_shared<Pending>();
+        exchange.pending = pending;
+        exchange.route->asyncHandler(std::move(exchange.request), [pending](HttpResponse reply) {
+            const std::lock_guard lock(pending->lock);
+            if (pending->answered)
+                return;
+            pending->answered = true;
+            pending->reply = std::move(reply);
+            // libmicrohttpd calls onAccess again, on the connection's event thread.
+            if (pending->suspended)
+                MHD_resume_connection(std::exchange(pending->suspended, nullptr));
+        });
+        std::unique_lock lock(pending->lock);
+        if (!pending->answered) {
+            // Suspended under the lock, so an answer from another thread cannot slip in
+            // before there is something to resume.
+            MHD_suspend_connection(connection);
+            pending->suspended = connection;
+            lock.unlock();
+            // The request is in; the deadline for receiving one does not apply while it is
+            // being worked on.
+            if (Connection* state = connectionState(connection))
+                state->receiving = false;
+            const std::lock_guard pendingLock(m_pendingMutex);
+            m_pending.remove_if([](const std::weak_ptr<Pending>& p) { return p.expired(); });
+            m_pending.push_back(pending);
+            return MHD_YES;
+        }
+    }
+    HttpResponse reply;
+    {
+        const std::lock_guard lock(exchange.pending->lock);
+        if (!exchange.pending->answered)
+            return MHD_YES; // called again before the answer came
+        reply = std::move(exchange.pending->reply);
+    }
+    return queueReply(connection, reply);
 }
 
 int CatalogServer::serveFile(MHD_Connection* connection, const Exchange& exchange) {

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <functional>
 #include <list>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -70,6 +71,12 @@ struct HttpResponse {
 class CatalogServer {
 public:
     using Handler = std::function<HttpResponse(const HttpRequest&)>;
+    // Sends the answer to one request; callable from any thread, once (later calls are
+    // ignored), also after the server stopped (then it does nothing).
+    using Respond = std::function<void(HttpResponse)>;
+    // A slow endpoint's handler: it may call `respond` before it returns or later from another
+    // thread. Until then the connection is suspended, so its event thread serves the others.
+    using AsyncHandler = std::function<void(HttpRequest, Respond)>;
 
     // `root` must name an existing folder.
     explicit CatalogServer(const std::filesystem::path& root, ServerLimits limits = {});
@@ -83,6 +90,10 @@ public:
     // one (the endpoint's own error shape), and a log line.
     void addRoute(std::string method, std::string path, Handler handler,
                   std::size_t maxBodyBytes = 0, HttpResponse tooLarge = {});
+    // Like addRoute(), for a handler that answers later. Requests still waiting when the
+    // server stops get 503.
+    void addAsyncRoute(std::string method, std::string path, AsyncHandler handler,
+                       std::size_t maxBodyBytes = 0, HttpResponse tooLarge = {});
     const CatalogFiles& files() const { return m_files; }
 
     // Binds host:port and listens (connections queue from here on); port 0 picks a free one.
@@ -101,10 +112,12 @@ public:
     // libmicrohttpd's callbacks; public only so the C callbacks in the .cpp can reach them.
     struct Connection;
     struct Exchange;
+    struct Pending;
     struct Route {
         std::string method;
         std::string path;
         Handler handler;
+        AsyncHandler asyncHandler;
         std::size_t maxBodyBytes = 0;
         HttpResponse tooLarge;
     };
@@ -118,6 +131,7 @@ private:
     void stopDaemon();
     void watch();
     int answer(MHD_Connection* connection, Exchange& exchange);
+    int answerLater(MHD_Connection* connection, Exchange& exchange);
     int serveFile(MHD_Connection* connection, const Exchange& exchange);
     int refuseBody(MHD_Connection* connection, const Route& route);
 
@@ -139,4 +153,8 @@ private:
     std::mutex m_connectionsMutex;
     std::list<Connection*> m_connections;
     std::thread m_watchdog;
+
+    // Requests of async routes whose answer has not come yet, answered with 503 on stop.
+    std::mutex m_pendingMutex;
+    std::list<std::weak_ptr<Pending>> m_pending;
 };

@@ -1,12 +1,16 @@
 // SPDX-License-Identifier: MIT
 // orvane-server: hosts a catalog folder (index.json, index_stress.json, collections.json,
 // stickers.json and the images they name) for Orvane over plain HTTP, and answers searches
-// over that catalog and usage events.
+// over that catalog, usage events and the tagging of pictures users import.
 #include "server/catalogserver.h"
 #include "server/catalogsummary.h"
 #include "server/eventstore.h"
 #include "server/searchapi.h"
 #include "server/searchservice.h"
+#include "server/tagger.h"
+#include "server/tagservice.h"
+#include "server/tagstore.h"
+#include "server/templateindex.h"
 #include "server/wordnet.h"
 
 #include <QCommandLineParser>
@@ -144,9 +148,47 @@ int main(int argc, char** argv) {
         QStringLiteral("bench-reference"),
         QStringLiteral("Also serve POST /bench/fts5-search: the plain FTS5 query, for "
                        "measurements."));
-    parser.addOptions({dataOption, searchKeyOption, appKeyOption, catalogOption, wordnetOption,
-                       maxLimitOption, searchRateOption, eventsRateOption, searchBodyOption,
-                       eventsBodyOption, eventsBatchOption, checkOption, benchOption});
+    const TagLimits tagDefaults;
+    const QCommandLineOption tagDbOption = option(
+        "tag-db",
+        QStringLiteral("Database of the tags kept per device (default tags.sqlite in the --data "
+                       "folder)."),
+        "PATH");
+    const QCommandLineOption tagRateOption =
+        option("tag-rate",
+               QStringLiteral("Pictures tagged per minute per device, in bursts of as many; 0 = no "
+                              "limit (default %1).")
+                   .arg(tagDefaults.perMinute),
+               "N", QString::number(tagDefaults.perMinute));
+    const QCommandLineOption tagCapOption =
+        option("tag-cap",
+               QStringLiteral("Tagged pictures kept per device (default %1).")
+                   .arg(tagDefaults.perDeviceCap),
+               "N", QString::number(tagDefaults.perDeviceCap));
+    const QCommandLineOption tagBodyOption =
+        option("max-tag-body",
+               QStringLiteral("Largest picture upload in bytes (default %1).")
+                   .arg(tagDefaults.maxBodyBytes),
+               "BYTES", QString::number(tagDefaults.maxBodyBytes));
+    const QCommandLineOption tagWorkersOption =
+        option("tag-workers",
+               QStringLiteral("Threads reading pictures (default %1).").arg(tagDefaults.workers),
+               "N", QString::number(tagDefaults.workers));
+    const QCommandLineOption tagQueueOption =
+        option("tag-queue",
+               QStringLiteral("Uploads that may wait for a thread; more get 503 (default %1).")
+                   .arg(tagDefaults.maxQueued),
+               "N", QString::number(tagDefaults.maxQueued));
+    const QCommandLineOption tessdataOption =
+        option("tessdata",
+               QStringLiteral("Folder with Tesseract's eng.traineddata (default: Tesseract's own, "
+                              "Debian's tesseract-ocr-eng)."),
+               "DIR");
+    parser.addOptions({dataOption,       searchKeyOption,  appKeyOption,      catalogOption,
+                       wordnetOption,    maxLimitOption,   searchRateOption,  eventsRateOption,
+                       searchBodyOption, eventsBodyOption, eventsBatchOption, checkOption,
+                       benchOption,      tagDbOption,      tagRateOption,     tagCapOption,
+                       tagBodyOption,    tagWorkersOption, tagQueueOption,    tessdataOption});
     parser.process(app);
 
     if (!parser.positionalArguments().isEmpty())
@@ -182,6 +224,13 @@ int main(int argc, char** argv) {
     limits.maxEventsBodyBytes = std::size_t(number(eventsBodyOption, 64, 1 << 30));
     limits.maxEventsPerBatch = std::size_t(number(eventsBatchOption, 1, 1e7));
 
+    TagLimits tagLimits;
+    tagLimits.perMinute = number(tagRateOption, 0, 1e6);
+    tagLimits.perDeviceCap = std::int64_t(number(tagCapOption, 0, 1e12));
+    tagLimits.maxBodyBytes = std::size_t(number(tagBodyOption, 1024, 1 << 30));
+    tagLimits.workers = int(number(tagWorkersOption, 1, 64));
+    tagLimits.maxQueued = std::size_t(number(tagQueueOption, 0, 1e6));
+
     SearchApi::Keys keys;
     keys.searchKey = parser.isSet(searchKeyOption)
                          ? parser.value(searchKeyOption).toStdString()
@@ -212,8 +261,20 @@ int main(int argc, char** argv) {
     SearchService search(searchOptions, wordNet.get(), events.get());
     SearchApi api(search, events.get(), keys, limits);
 
+    const QString tagDb = parser.isSet(tagDbOption) ? parser.value(tagDbOption)
+                                                    : dataDir + QStringLiteral("/tags.sqlite");
+    const std::unique_ptr<TagStore> tagStore = TagStore::open(tagDb);
+    if (!tagStore)
+        fail(QStringLiteral("--tag-db %1: cannot keep the tags database there").arg(tagDb), 1);
+    TemplateIndex templates(root.toStdString(), parser.value(catalogOption).toStdString(),
+                            tagStore.get());
+    templates.start();
+    const Tagger tagger(wordNet.get(), &templates);
+    TagService tagging(*tagStore, tagger, tagLimits, parser.value(tessdataOption), keys.appKey);
+
     CatalogServer server(root.toStdString());
     api.install(server);
+    tagging.install(server);
     if (parser.isSet(benchOption))
         api.installBenchReference(server);
     const int bound = server.bind(host.toStdString(), port);

@@ -99,8 +99,8 @@ HttpResponse tooManyRequests(HttpResponse response) {
 
 } // namespace
 
-RateLimiter::RateLimiter(double perSecond)
-    : m_perSecond(perSecond), m_burst(std::max(1.0, 2 * perSecond)) {}
+RateLimiter::RateLimiter(double perSecond, double burst)
+    : m_perSecond(perSecond), m_burst(burst > 0 ? burst : std::max(1.0, 2 * perSecond)) {}
 
 bool RateLimiter::allow(const std::string& client) {
     if (m_perSecond <= 0)

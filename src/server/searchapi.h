@@ -30,7 +30,8 @@ struct SearchApiLimits {
 // A token bucket per client address.
 class RateLimiter {
 public:
-    explicit RateLimiter(double perSecond);
+    // Bursts of `burst` requests; 0 means twice the rate per second (at least 1).
+    explicit RateLimiter(double perSecond, double burst = 0);
     // False when `client` has used up its allowance; always true when the limit is off.
     bool allow(const std::string& client);
 

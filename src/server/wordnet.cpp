@@ -127,6 +127,19 @@ std::vector<std::string> WordNet::lemmasOf(const std::string& word) const {
     return lemmas;
 }
 
+QStringList WordNet::lemmas(const QString& word, bool verbsOnly) const {
+    QStringList known;
+    for (const std::string& lemma : lemmasOf(word.toLower().toStdString())) {
+        for (int pos = verbsOnly ? Verb : Noun; pos <= (verbsOnly ? Verb : Adv); ++pos)
+            if (m_index[pos].contains(lemma)) {
+                known.append(QString::fromStdString(lemma));
+                break;
+            }
+    }
+    known.removeDuplicates();
+    return known;
+}
+
 WordNet::Related WordNet::lookup(const std::string& word, int max) const {
     // (sense rank, part of speech, offset): parts of speech interleave by sense rank so a
     // noun's tenth sense does not come before an adjective's first.

@@ -33,6 +33,10 @@ public:
 
     // At most `max` words in all, synonyms first; never `word` itself.
     Related related(const QString& word, int max);
+    // The forms of `word` (lower-cased) that are lemmas WordNet knows, the word itself first
+    // when it is one ("cried" → "cry"); with `verbsOnly`, verb lemmas only. Empty for a word
+    // WordNet does not know.
+    QStringList lemmas(const QString& word, bool verbsOnly = false) const;
 
 private:
     enum Pos { Noun, Verb, Adj, Adv, PosCount };

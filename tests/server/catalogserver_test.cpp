@@ -5,10 +5,14 @@
 
 #include <QDir>
 #include <QFile>
+#include <condition_variable>
 #include <filesystem>
+#include <future>
 #include <gtest/gtest.h>
 #include <httplib.h>
 #include <memory>
+#include <mutex>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -372,4 +376,54 @@ TEST(CatalogServer, ConnectionsBeyondTheLimitWaitInsteadOfBeingRefused) {
     ASSERT_TRUE(reply) << httplib::to_string(reply.error());
     EXPECT_EQ(reply->status, 200);
     EXPECT_TRUE(first.closedWithin(std::chrono::seconds(10)));
+}
+
+TEST(CatalogServer, AsyncRoutesAnswerLaterAndStopWithAnswersStillOwed) {
+    CatalogFolder folder;
+    ServerLimits limits;
+    limits.threads = 1;
+    CatalogServer server(folder.root.toStdString(), limits);
+    std::mutex lock;
+    std::condition_variable arrived;
+    std::vector<CatalogServer::Respond> owed;
+    server.addAsyncRoute(
+        "POST", "/slow",
+        [&](HttpRequest request, CatalogServer::Respond respond) {
+            if (request.body == "now")
+                return respond({200, "text/plain", "at once", {}});
+            const std::lock_guard guard(lock);
+            owed.push_back(std::move(respond));
+            arrived.notify_all();
+        },
+        1024);
+    const int port = server.start("127.0.0.1", 0);
+    ASSERT_GT(port, 0);
+    const auto waitOwed = [&](std::size_t n) {
+        std::unique_lock guard(lock);
+        return arrived.wait_for(guard, std::chrono::seconds(20), [&] { return owed.size() >= n; });
+    };
+
+    httplib::Client client("127.0.0.1", port);
+    EXPECT_EQ(client.Post("/slow", "now", "text/plain")->body, "at once");
+    auto later = std::async(std::launch::async, [port] {
+        return httplib::Client("127.0.0.1", port).Post("/slow", "later", "text/plain");
+    });
+    ASSERT_TRUE(waitOwed(1));
+    // The one event thread is free while the answer is owed.
+    EXPECT_EQ(client.Get("/index.json")->status, 200);
+    std::thread answering([respond = owed[0]] { respond({201, "text/plain", "done", {}}); });
+    const auto answered = later.get();
+    answering.join();
+    ASSERT_TRUE(answered);
+    EXPECT_EQ(answered->status, 201);
+    EXPECT_EQ(answered->body, "done");
+
+    auto stranded = std::async(std::launch::async, [port] {
+        return httplib::Client("127.0.0.1", port).Post("/slow", "never", "text/plain");
+    });
+    ASSERT_TRUE(waitOwed(2));
+    server.stop();
+    const auto stopped = stranded.get();
+    EXPECT_TRUE(!stopped || stopped->status == 503);
+    owed[1]({200, "text/plain", "too late", {}}); // after the stop: nothing happens
 }

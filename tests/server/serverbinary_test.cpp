@@ -3,8 +3,10 @@
 #include "rawhttp.h"
 #include "support/testenv.h"
 
+#include <QBuffer>
 #include <QDeadlineTimer>
 #include <QFile>
+#include <QImage>
 #include <QProcess>
 #include <QRegularExpression>
 #include <atomic>
@@ -16,6 +18,7 @@
 #include <httplib.h>
 #include <memory>
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <thread>
 #include <vector>
 
@@ -301,4 +304,48 @@ TEST(OrvaneServer, SearchesWithItsKeyAndKeepsEventsInItsDataFolder) {
     ASSERT_TRUE(garbage);
     EXPECT_EQ(garbage->status, 400);
     EXPECT_EQ(server.process().state(), QProcess::Running);
+}
+
+TEST(OrvaneServer, TagsPicturesWithItsOptionsAndForgetsADevice) {
+    ServedCatalog catalog;
+    const QString database = TestEnv::freshDir() + QStringLiteral("/t/tags.sqlite");
+    ServerProcess server({QStringLiteral("--root"), catalog.root, QStringLiteral("--port"),
+                          QStringLiteral("0"), QStringLiteral("--data"), TestEnv::freshDir(),
+                          QStringLiteral("--tag-db"), database, QStringLiteral("--tag-cap"),
+                          QStringLiteral("1"), QStringLiteral("--tag-workers"),
+                          QStringLiteral("1")});
+    const int port = portIn(server.startupLine());
+    ASSERT_GT(port, 0);
+    QImage white(48, 48, QImage::Format_RGB32);
+    white.fill(Qt::white);
+    QByteArray png;
+    QBuffer buffer(&png);
+    buffer.open(QIODevice::WriteOnly);
+    white.save(&buffer, "PNG");
+
+    httplib::Client client("127.0.0.1", port);
+    client.set_read_timeout(60);
+    const httplib::Headers device = {{"X-Device", "d1"}, {"x-install-id", "i1"}};
+    const auto post = [&] {
+        return client.Post("/v1/import/tag", device, png.constData(), std::size_t(png.size()),
+                           "application/octet-stream");
+    };
+    const auto tagged = post();
+    ASSERT_TRUE(tagged);
+    EXPECT_EQ(tagged->status, 200) << tagged->body;
+    EXPECT_EQ(nlohmann::json::parse(tagged->body).size(), 10U) << tagged->body;
+    const auto capped = post();
+    ASSERT_TRUE(capped);
+    EXPECT_EQ(capped->status, 429);
+    EXPECT_NE(capped->body.find(R"("code":"device_cap")"), std::string::npos) << capped->body;
+    const auto deleted = client.Delete("/v1/import/data", device);
+    ASSERT_TRUE(deleted);
+    EXPECT_EQ(deleted->body, R"({"deleted":true})");
+    EXPECT_EQ(post()->status, 200);
+    EXPECT_TRUE(QFile::exists(database));
+
+    const Finished bad = runToEnd({QStringLiteral("--root"), catalog.root,
+                                   QStringLiteral("--tag-rate"), QStringLiteral("fast")});
+    EXPECT_NE(bad.exitCode, 0);
+    EXPECT_TRUE(bad.err.contains(QStringLiteral("--tag-rate fast"))) << bad.err.toStdString();
 }
