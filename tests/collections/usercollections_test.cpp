@@ -8,6 +8,7 @@
 #include <QImage>
 #include <QImageWriter>
 #include <QtEndian>
+#include <csignal>
 #include <gtest/gtest.h>
 
 namespace {
@@ -251,4 +252,69 @@ TEST(UserCollections, LeavesOutUnreadableManifestsAndKeepsTheOthers) {
     ASSERT_EQ(rows.size(), 1);
     EXPECT_EQ(rows[0].id, good);
     EXPECT_EQ(rows[0].untagged, 1);
+}
+
+TEST(UserCollections, AFolderVanishingMidImportKeepsWhatWasImported) {
+    const QString src = TestEnv::freshDir() + QStringLiteral("/Going");
+    for (int i = 0; i < 4; ++i)
+        writeImage(src + QStringLiteral("/%1.jpg").arg(i), QSize(64, 64));
+    TestEnv::installConfig({{QStringLiteral("MEME_API"), QStringLiteral("http://127.0.0.1:9/")}});
+    UserCollections collections(TestEnv::freshDir());
+    const auto result = collections.importCollection(
+        UserCollections::planFolder(src).first(), QStringLiteral("Going"), [&](const QString& p) {
+            if (p.endsWith(QLatin1String("resizing 3/4")))
+                QDir(src).removeRecursively();
+        });
+    EXPECT_EQ(result.added, 2);
+    EXPECT_EQ(result.skipped, 2);
+    ASSERT_EQ(collections.list().size(), 1);
+    EXPECT_EQ(collections.load().stickers.size(), 2);
+
+    // The collection's own folder going away stops the import with the reason.
+    writeImage(src + "/a.jpg", QSize(64, 64));
+    writeImage(src + "/b.jpg", QSize(64, 64));
+    const auto stopped = collections.importCollection(
+        UserCollections::planFolder(src).first(), QStringLiteral("Gone"), [&](const QString& p) {
+            if (p.endsWith(QLatin1String("resizing 2/2")))
+                for (const auto& row : collections.list())
+                    if (row.name == QStringLiteral("Gone"))
+                        QDir(collections.root() + u'/' + row.id).removeRecursively();
+        });
+    EXPECT_EQ(stopped.added, 1);
+    ASSERT_TRUE(stopped.stopped);
+    EXPECT_TRUE(stopped.stopped->startsWith("could not save the images ("));
+    EXPECT_EQ(collections.list().size(), 1) << "the first collection is untouched";
+}
+
+TEST(UserCollectionsDeathTest, AnImportKilledHalfWayLeavesACollectionThatLoads) {
+    // The child process re-runs this body: it must find the parent's folders.
+    const char* rootVariable = "ORVANE_KILLED_IMPORT_ROOT";
+    const QString root = qEnvironmentVariableIsSet(rootVariable)
+                             ? qEnvironmentVariable(rootVariable)
+                             : TestEnv::freshDir();
+    qputenv(rootVariable, root.toUtf8());
+    const QString src = root + QStringLiteral("/Photos");
+    if (!QFile::exists(src))
+        for (int i = 0; i < 40; ++i)
+            writeImage(src + QStringLiteral("/%1.jpg").arg(i, 2, 10, QLatin1Char('0')),
+                       QSize(64, 48));
+    TestEnv::installConfig({{QStringLiteral("MEME_API"), QStringLiteral("http://127.0.0.1:9/")}});
+    EXPECT_EXIT(
+        {
+            UserCollections collections(root + QStringLiteral("/collections"));
+            collections.importCollection(UserCollections::planFolder(src).first(),
+                                         QStringLiteral("Photos"), [](const QString& p) {
+                                             if (p.endsWith(QLatin1String("resizing 31/40")))
+                                                 ::raise(SIGKILL);
+                                         });
+        },
+        testing::KilledBySignal(SIGKILL), "");
+    qunsetenv(rootVariable);
+    const UserCollections collections(root + QStringLiteral("/collections"));
+    const auto loaded = collections.load();
+    ASSERT_EQ(loaded.collections.size(), 1);
+    // The last checkpoint: every listed image is there.
+    EXPECT_EQ(loaded.stickers.size(), UserCollections::checkpointEvery);
+    for (const Meme& m : loaded.stickers)
+        EXPECT_TRUE(QFile::exists(QUrl(m.full).toLocalFile()));
 }
