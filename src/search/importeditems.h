@@ -4,11 +4,12 @@
 #include "catalog/catalogjson.h"
 
 #include <QString>
+#include <vector>
 
 // The user's imported images as the Memes tab finds them: by the words of their tags and by
 // their collection's name, with the index's word rule (every query word prefix-matches some
-// word). Held in memory, since a few thousand items search in well under a millisecond and a
-// reload must show at once.
+// word). Held in memory with a sorted word list, so a reload shows at once and a keystroke
+// costs a few binary searches.
 class ImportedItems {
 public:
     explicit ImportedItems(const MemeList& items);
@@ -19,9 +20,8 @@ public:
     qsizetype size() const { return m_items.size(); }
 
 private:
-    struct Entry {
-        Meme meme;
-        QStringList words;
-    };
-    QList<Entry> m_items;
+    MemeList m_items;
+    // Every word once, sorted, with the items (ascending positions) that hold it.
+    QStringList m_words;
+    std::vector<std::vector<int>> m_holders;
 };
