@@ -650,15 +650,16 @@ UserCollections::TagResult UserCollections::requestTags(const QByteArray& data,
 UserCollections::TagResult UserCollections::requestTagsRetrying(const QByteArray& data,
                                                                 const QString& collection,
                                                                 const QString& file) const {
-    TagResult result;
-    for (int attempt = 1; attempt <= maxAttempts; ++attempt) {
-        result = requestTags(data, collection, file);
+    for (int attempt = 1;; ++attempt) {
+        TagResult result = requestTags(data, collection, file);
         const TagError* error = std::get_if<TagError>(&result);
         if (!error || error->kind != TagError::Kind::rateLimited)
             return result;
+        // The wait follows the last attempt too, so the next image also starts later.
         std::this_thread::sleep_for(std::chrono::duration<double>(m_retryDelaySeconds * attempt));
+        if (attempt == maxAttempts)
+            return result;
     }
-    return result;
 }
 
 UserCollections::DeleteOutcome UserCollections::deleteCloudData() {
