@@ -5,6 +5,7 @@
 #include "app/hotkeyrecorder.h"
 #include "app/panelcontroller.h"
 #include "base/apppaths.h"
+#include "base/background.h"
 #include "base/logcategories.h"
 #include "buildinfo.h"
 #include "catalog/catalogfetcher.h"
@@ -17,19 +18,23 @@
 #include "insert/paster.h"
 #include "platform/globalhotkey.h"
 #include "platform/platformbackend.h"
+#include "search/importeditems.h"
 #include "search/localindex.h"
 #include "search/pickermodel.h"
 #include "telemetry/learning.h"
 #include "telemetry/metrics.h"
 #include "ui/fileopener.h"
+#include "ui/importwindow.h"
 #include "ui/pickerpanel.h"
 #include "userdata/userdata.h"
 
 #include <QActionGroup>
 #include <QApplication>
 #include <QDesktopServices>
+#include <QInputDialog>
 #include <QMenu>
 #include <QMessageBox>
+#include <QPointer>
 #include <QPushButton>
 #include <QStyle>
 #include <QSystemTrayIcon>
@@ -43,6 +48,59 @@ const QList<HotKeyCombo> hotKeyPresets = {
     {49, HotKeyCombo::controlMask | HotKeyCombo::shiftMask, QStringLiteral("Ctrl+Shift+Space")},
     {49, HotKeyCombo::controlMask | HotKeyCombo::altMask, QStringLiteral("Ctrl+Alt+Space")},
 };
+
+const QString deleteDataInformative = QStringLiteral(
+    "When you import a folder, our server keeps the search tags of each image (feelings, text, "
+    "keywords, collection and file name) under your device id. This removes all of them.\n\nYour "
+    "images and collections on this computer are not touched, and still work. We never kept the "
+    "images themselves. Your own images never leave this computer.");
+constexpr int notDeletedNoticeMs = 8000;
+
+// "Imported 12 images (2 skipped), 9 tagged. Not tagged: …. Menu → Retry tagging"
+QString importNotice(const UserCollections::Result& r) {
+    QString text = QStringLiteral("Imported %1 images").arg(r.added);
+    if (r.skipped > 0)
+        text += QStringLiteral(" (%1 skipped)").arg(r.skipped);
+    text += QStringLiteral(", %1 tagged").arg(r.tagged);
+    if (r.tagged < r.added && r.tagError)
+        text += QStringLiteral(". Not tagged: ") + *r.tagError +
+                QStringLiteral(". Menu → Retry tagging");
+    if (r.stopped)
+        text += QStringLiteral(". Stopped: ") + *r.stopped;
+    return text;
+}
+
+// Progress lines come from import and tagging threads; they are shown on the GUI thread.
+UserCollections::Progress progressTo(ImportWindow* window) {
+    QPointer<ImportWindow> target(window);
+    return [target](const QString& line) {
+        QMetaObject::invokeMethod(
+            qApp,
+            [target, line] {
+                if (target)
+                    target->showProgress(line);
+            },
+            Qt::QueuedConnection);
+    };
+}
+
+// Return is the picker's paste key: it must never be the one that destroys.
+bool confirmDestructive(QWidget* parent, const QString& text, const QString& informative,
+                        const QString& action) {
+    QMessageBox box(parent);
+    box.setWindowFlag(Qt::WindowStaysOnTopHint);
+    box.setIcon(QMessageBox::Question);
+    box.setText(text);
+    box.setInformativeText(informative);
+    QPushButton* confirm = box.addButton(action, QMessageBox::AcceptRole);
+    QPushButton* cancel = box.addButton(QStringLiteral("Cancel"), QMessageBox::RejectRole);
+    box.setDefaultButton(cancel);
+    box.setEscapeButton(cancel);
+    box.raise();
+    box.activateWindow();
+    box.exec();
+    return box.clickedButton() == static_cast<QAbstractButton*>(confirm);
+}
 
 const QString hiddenTrayMessage =
     QStringLiteral("Your desktop shows no tray icons, so the Orvane icon is hidden. Use ⋯ in the "
@@ -103,6 +161,7 @@ void AppDelegate::start() {
     m_recorder = std::make_unique<HotKeyRecorder>();
     registerHotKey();
 
+    m_userCollections = std::make_shared<UserCollections>();
     m_fetcher = std::make_unique<CatalogFetcher>(DebugFlags::serverURL());
     m_loader = std::make_unique<CatalogLoader>(m_fetcher.get(), AppPaths::dataDir());
     connect(m_loader.get(), &CatalogLoader::indexLoaded, this,
@@ -173,13 +232,177 @@ void AppDelegate::reloadCollections() {
 }
 
 void AppDelegate::applyCollections() {
-    if (m_loader->adminCollections().isEmpty())
-        return; // the tab keeps saying the collections are loading
-    m_collections = std::make_shared<ServerCollections>(m_loader->adminCollections(),
-                                                        m_loader->adminStickers());
+    const UserCollections::Loaded imported = m_userCollections->load();
+    m_picker->setImported(
+        imported.stickers.isEmpty() ? nullptr : std::make_shared<ImportedItems>(imported.stickers));
+    // Until something is known the tab keeps saying the collections are loading; once it
+    // showed some, a deleted last import must disappear from it.
+    if (m_loader->adminCollections().isEmpty() && imported.collections.isEmpty() && !m_collections)
+        return;
+    // The user's own collections first.
+    m_collections =
+        std::make_shared<ServerCollections>(imported.collections + m_loader->adminCollections(),
+                                            imported.stickers + m_loader->adminStickers());
     m_picker->setCollections(m_collections);
-    Metrics::log(QStringLiteral("collections_loaded"),
-                 {{"collections", m_loader->adminCollections().size()}, {"mine", 0}});
+    Metrics::log(
+        QStringLiteral("collections_loaded"),
+        {{"collections", m_loader->adminCollections().size() + imported.collections.size()},
+         {"mine", 0}});
+}
+
+void AppDelegate::importCollection() {
+    if (m_importRunning) {
+        notify(QStringLiteral("An import is already running"));
+        return;
+    }
+    if (!m_importWindow) {
+        m_importWindow = std::make_unique<ImportWindow>();
+        connect(m_importWindow.get(), &ImportWindow::importRequested, this,
+                &AppDelegate::runImport);
+    }
+    m_importWindow->begin();
+}
+
+void AppDelegate::runImport(const QList<UserCollections::Plan>& plans, const QString& name) {
+    if (m_importRunning) {
+        notify(QStringLiteral("An import is already running"));
+        return;
+    }
+    m_importRunning = true;
+    runInBackground(
+        this,
+        [collections = m_userCollections, plans, name,
+         progress = progressTo(m_importWindow.get())] {
+            UserCollections::Result total;
+            for (const UserCollections::Plan& plan : plans) {
+                const UserCollections::Result one = collections->importCollection(
+                    plan, plans.size() == 1 ? name : plan.name, progress);
+                total.added += one.added;
+                total.tagged += one.tagged;
+                total.skipped += one.skipped;
+                if (!total.tagError)
+                    total.tagError = one.tagError;
+                if (one.stopped) {
+                    total.stopped = one.stopped;
+                    break;
+                }
+            }
+            return total;
+        },
+        [this](const UserCollections::Result& result) { finishImport(result); });
+}
+
+void AppDelegate::finishImport(const UserCollections::Result& result) {
+    m_importRunning = false;
+    const QString notice = importNotice(result);
+    qCInfo(lcApp).noquote() << notice;
+    Metrics::log(QStringLiteral("import_done"),
+                 {{"added", result.added}, {"tagged", result.tagged}, {"skipped", result.skipped}});
+    if (m_importWindow && m_importWindow->isVisible())
+        m_importWindow->showResult(notice);
+    else
+        showNotice(notice, Toast::noticeMs);
+    applyCollections();
+    m_picker->switchTab(PickerModel::Tab::collections);
+}
+
+void AppDelegate::retryTagging() {
+    if (m_retryRunning)
+        return;
+    m_retryRunning = true;
+    runInBackground(
+        this,
+        [collections = m_userCollections] { return collections->retryAll([](const QString&) {}); },
+        [this](const UserCollections::TagRun& run) {
+            m_retryRunning = false;
+            QString text = QStringLiteral("Tagged %1 images").arg(run.tagged);
+            if (run.firstError)
+                text += QStringLiteral(". Not tagged: ") + *run.firstError;
+            showNotice(text, Toast::noticeMs);
+            applyCollections();
+        });
+}
+
+void AppDelegate::renameImported(const QString& id) {
+    const std::optional<UserCollections::Stored> stored = m_userCollections->stored(id);
+    if (!stored)
+        return;
+    bool ok = false;
+    const QString name =
+        QInputDialog::getText(dialogParent(), QStringLiteral("Rename collection"),
+                              QStringLiteral("Name:"), QLineEdit::Normal, stored->name, &ok);
+    if (ok && m_userCollections->rename(id, name))
+        applyCollections();
+}
+
+void AppDelegate::deleteImported(const QString& id) {
+    const std::optional<UserCollections::Stored> stored = m_userCollections->stored(id);
+    if (!stored)
+        return;
+    if (!confirmDestructive(dialogParent(),
+                            QStringLiteral("Delete the collection “%1”?").arg(stored->name),
+                            QStringLiteral("Its %1 images are removed from this computer.")
+                                .arg(stored->items.size()),
+                            QStringLiteral("Delete")))
+        return;
+    m_userCollections->remove(id);
+    applyCollections();
+}
+
+void AppDelegate::deleteMyData() {
+    if (!confirmDestructive(dialogParent(), QStringLiteral("Delete my data on our server?"),
+                            deleteDataInformative, QStringLiteral("Delete")))
+        return;
+    runInBackground(
+        this, [] { return UserCollections::deleteCloudData(); },
+        [this](const UserCollections::DeleteOutcome& outcome) {
+            using Kind = UserCollections::DeleteOutcome::Kind;
+            switch (outcome.kind) {
+            case Kind::deleted:
+                showNotice(QStringLiteral("Your data on our server is deleted"), Toast::guidanceMs);
+                break;
+            case Kind::pending:
+                showNotice(QStringLiteral("Deleting. It will be finished in a moment"),
+                           Toast::guidanceMs);
+                break;
+            case Kind::failed:
+                showNotice(QStringLiteral("Not deleted: ") + outcome.text, notDeletedNoticeMs);
+                break;
+            }
+        });
+}
+
+void AppDelegate::showNotice(const QString& text, int ms) {
+    qCInfo(lcApp).noquote() << text;
+    if (m_tray && !m_panel->isVisible())
+        m_tray->showMessage(QStringLiteral("Orvane"), text, QSystemTrayIcon::Information, ms);
+    else
+        m_panel->panel()->showToast(text, Toast::Kind::notice, ms);
+}
+
+void AppDelegate::addCollectionsMenu(QMenu* menu) {
+    menu->addAction(QStringLiteral("Import collection…"), this, &AppDelegate::importCollection);
+    const QList<UserCollections::Row> rows = m_userCollections->list();
+    // An empty submenu would offer nothing.
+    if (rows.isEmpty())
+        return;
+    QMenu* mine = menu->addMenu(QStringLiteral("My collections"));
+    for (const UserCollections::Row& row : rows) {
+        QMenu* one = mine->addMenu(row.name);
+        const QImage icon = m_userCollections->previewIcon(row.id, 32);
+        if (!icon.isNull())
+            one->setIcon(QIcon(QPixmap::fromImage(icon)));
+        const QString id = row.id;
+        one->addAction(QStringLiteral("Rename…"), this, [this, id] { renameImported(id); });
+        one->addAction(QStringLiteral("Delete…"), this, [this, id] { deleteImported(id); });
+        if (row.untagged > 0) {
+            one->addSeparator();
+            one->addAction(QStringLiteral("%1 not tagged").arg(row.untagged))->setEnabled(false);
+            QAction* retry =
+                one->addAction(QStringLiteral("Retry tagging"), this, &AppDelegate::retryTagging);
+            retry->setEnabled(!m_retryRunning);
+        }
+    }
 }
 
 bool AppDelegate::registerHotKey() {
@@ -292,21 +515,10 @@ void AppDelegate::notify(const QString& text) {
 }
 
 void AppDelegate::clearUsageHistory() {
-    QMessageBox box(dialogParent());
-    box.setWindowFlag(Qt::WindowStaysOnTopHint);
-    box.setIcon(QMessageBox::Question);
-    box.setText(QStringLiteral("Clear recent and most used?"));
-    box.setInformativeText(QStringLiteral("Forgets which memes you used and how often. Favorites "
-                                          "and your imported collections stay."));
-    QPushButton* clear = box.addButton(QStringLiteral("Clear"), QMessageBox::AcceptRole);
-    // Return is the picker's paste key: it must never be the one that destroys.
-    QPushButton* cancel = box.addButton(QStringLiteral("Cancel"), QMessageBox::RejectRole);
-    box.setDefaultButton(cancel);
-    box.setEscapeButton(cancel);
-    box.raise();
-    box.activateWindow();
-    box.exec();
-    if (box.clickedButton() != static_cast<QAbstractButton*>(clear))
+    if (!confirmDestructive(dialogParent(), QStringLiteral("Clear recent and most used?"),
+                            QStringLiteral("Forgets which memes you used and how often. Favorites "
+                                           "and your imported collections stay."),
+                            QStringLiteral("Clear")))
         return;
     m_userData->clearHistory();
     m_picker->resetWindowAndRerun();
@@ -337,6 +549,8 @@ void AppDelegate::showAbout() {
 }
 
 void AppDelegate::buildMenu(QMenu* menu) {
+    addCollectionsMenu(menu);
+
     // Hotkey presets, the current one checked; a recorded one that is no preset is listed too.
     QMenu* hotkey = menu->addMenu(QStringLiteral("Hotkey"));
     const HotKeyCombo current = DebugFlags::hotKey();
@@ -364,6 +578,8 @@ void AppDelegate::buildMenu(QMenu* menu) {
     share->setChecked(DebugFlags::settings().boolean(QStringLiteral("shareUsage")));
     connect(share, &QAction::triggered, this,
             [](bool on) { DebugFlags::setValue(QStringLiteral("shareUsage"), on); });
+    menu->addAction(QStringLiteral("Delete my data on our server…"), this,
+                    &AppDelegate::deleteMyData);
 
     if (DebugFlags::showDebug()) {
         const QString searchURL =

@@ -3,6 +3,7 @@
 
 #include "app/commandline.h"
 #include "catalog/hotkeycombo.h"
+#include "collections/usercollections.h"
 
 #include <QObject>
 #include <memory>
@@ -12,6 +13,7 @@ class CatalogFetcher;
 class CatalogLoader;
 class GlobalHotkey;
 class HotKeyRecorder;
+class ImportWindow;
 class MemeStore;
 class Learning;
 class PanelController;
@@ -42,12 +44,25 @@ public:
     void recordHotKey();
     void clearUsageHistory();
     void resetPickerSize();
+    // Imported collections: the import window, "Retry tagging", renaming and deleting one,
+    // and asking the tagging server to forget this device's tags.
+    void importCollection();
+    void retryTagging();
+    void renameImported(const QString& id);
+    void deleteImported(const QString& id);
+    void deleteMyData();
+    bool importRunning() const { return m_importRunning; }
+    ImportWindow* importWindow() const { return m_importWindow.get(); }
+    UserCollections& userCollections() const { return *m_userCollections; }
     // Opens the picker unless it is already open (a second launch asks for this).
     void showPanel();
     // The version, in a box above the panel when the panel is open.
     void showAbout();
     // Shows an error line in the panel when it is open, else on the tray icon.
     void notify(const QString& text);
+    // Shows the outcome of finished work for `ms`: over the panel when it is open, else on
+    // the tray icon, else in a window where the panel was.
+    void showNotice(const QString& text, int ms);
 
     // Fills `menu` with the current items; used by the tray icon and the panel's ⋯ button.
     void buildMenu(QMenu* menu);
@@ -62,6 +77,9 @@ public:
 
 private:
     void onSettingsChanged();
+    void runImport(const QList<UserCollections::Plan>& plans, const QString& name);
+    void finishImport(const UserCollections::Result& result);
+    void addCollectionsMenu(QMenu* menu);
     void setUpTrayIcon();
     // Takes `combo` into use and stores it; when it is refused the previous one stays (in
     // the desktop and in the settings) and the user is told where they are looking.
@@ -81,6 +99,11 @@ private:
     std::unique_ptr<CatalogFetcher> m_fetcher;
     std::unique_ptr<CatalogLoader> m_loader;
     std::shared_ptr<ServerCollections> m_collections;
+    // Shared with imports and tagging runs that may outlive a menu action.
+    std::shared_ptr<UserCollections> m_userCollections;
+    std::unique_ptr<ImportWindow> m_importWindow;
+    bool m_importRunning = false;
+    bool m_retryRunning = false;
     std::unique_ptr<GlobalHotkey> m_hotkey;
     std::unique_ptr<HotKeyRecorder> m_recorder;
     std::unique_ptr<QSystemTrayIcon> m_tray;

@@ -5,6 +5,7 @@
 #include "catalog/memestore.h"
 #include "search/collectionsource.h"
 #include "search/fusedranking.h"
+#include "search/importeditems.h"
 #include "search/localindex.h"
 #include "search/pickermodelbatch.h"
 #include "search/pickertexts.h"
@@ -69,6 +70,15 @@ void PickerModel::setCollections(std::shared_ptr<const CollectionSource> collect
     m_collections = std::move(collections);
     // Collections, Recent and Mine all show stickers; the Memes tab never does.
     if (m_tab != Tab::memes)
+        runSearch(m_query);
+}
+
+void PickerModel::setImported(std::shared_ptr<const ImportedItems> imported) {
+    if (!imported && !m_imported)
+        return;
+    Batch batch(this);
+    m_imported = std::move(imported);
+    if (m_tab == Tab::memes)
         runSearch(m_query);
 }
 
@@ -182,7 +192,21 @@ MemeList PickerModel::rank(const QString& text) {
     const auto explore = [this]() -> const MemeList& { return m_explore.order(m_byID); };
     const FusedRanking::Inputs inputs{*m_index,    m_byID,      m_window,
                                       *m_userData, m_favorites, explore};
-    return FusedRanking::rank(text, inputs);
+    MemeList ranked = FusedRanking::rank(text, inputs);
+    const MemeList imported = m_imported ? m_imported->search(text, m_window) : MemeList();
+    if (imported.isEmpty())
+        return ranked;
+    // Equal reciprocal ranks: the user's own images and the catalog take turns, theirs first.
+    MemeList fused;
+    fused.reserve(std::min<qsizetype>(m_window, ranked.size() + imported.size()));
+    for (qsizetype r = 0; fused.size() < m_window && (r < ranked.size() || r < imported.size());
+         ++r) {
+        if (r < imported.size())
+            fused.append(imported[r]);
+        if (r < ranked.size() && fused.size() < m_window)
+            fused.append(ranked[r]);
+    }
+    return fused;
 }
 
 MemeList PickerModel::withMineOnTop(const MemeList& ranked) const {

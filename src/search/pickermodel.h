@@ -16,6 +16,7 @@
 #include <optional>
 
 class CollectionSource;
+class ImportedItems;
 class LocalIndex;
 class MemeStore;
 class Metrics;
@@ -79,6 +80,9 @@ public:
     void setMine(const MemeList& memes);
     // The collection index; null until it is built. Re-runs the query outside the Memes tab.
     void setCollections(std::shared_ptr<const CollectionSource> collections);
+    // The user's imported images, searched in the Memes tab beside the catalog; null for
+    // none. Re-runs the query in the Memes tab.
+    void setImported(std::shared_ptr<const ImportedItems> imported);
     // The catalog could not be loaded: while no index is set, the Memes tab shows no results
     // and `message` as its status. Ignored once an index is set (that copy stays in use).
     void showLoadFailure(const QString& message);
@@ -265,6 +269,7 @@ private:
     QHash<QString, Meme> m_mineByID;
     MemeList m_mineMatches;
     std::shared_ptr<const CollectionSource> m_collections;
+    std::shared_ptr<const ImportedItems> m_imported;
     bool m_userMoved = false;
     // The cloud client for the current configuration; replaced when the settings change.
     std::unique_ptr<RemoteSearch> m_remote;

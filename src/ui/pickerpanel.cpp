@@ -409,15 +409,15 @@ void PickerPanel::onFocusWindowChanged(QWindow* window) {
         hide();
 }
 
-void PickerPanel::showToast(const QString& text, Toast::Kind kind) {
+void PickerPanel::showToast(const QString& text, Toast::Kind kind, int ms) {
     if (isVisible()) {
-        m_toast->showMessage(text, kind);
+        m_toast->showMessage(text, kind, ms);
         return;
     }
     if (!m_windowToast)
         m_windowToast = std::make_unique<Toast>(nullptr);
     m_windowToast->setAnchor(frameGeometry());
-    m_windowToast->showMessage(text, kind);
+    m_windowToast->showMessage(text, kind, ms);
 }
 
 void PickerPanel::hideEvent(QHideEvent* event) {

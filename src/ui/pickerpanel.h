@@ -41,7 +41,7 @@ public:
     // Shows the panel on the screen with the mouse pointer and gives it the keyboard.
     void present();
     // Over the panel while it shows, else in a window of its own where the panel was.
-    void showToast(const QString& text, Toast::Kind kind);
+    void showToast(const QString& text, Toast::Kind kind, int ms = 0);
     // The stored size, or the default.
     static QSize storedSize();
     // Back to the stored size (or the default), centred where present() puts the panel.

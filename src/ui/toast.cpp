@@ -19,13 +19,18 @@ Toast::Toast(QWidget* parent) : QLabel(parent) {
     connect(&m_timer, &QTimer::timeout, this, &QWidget::hide);
 }
 
-void Toast::showMessage(const QString& text, Kind kind) {
+void Toast::showMessage(const QString& text, Kind kind, int ms) {
     setText(text);
-    setProperty("kind", kind == Kind::error ? QStringLiteral("error") : QStringLiteral("guidance"));
+    setProperty("kind", kind == Kind::error      ? QStringLiteral("error")
+                        : kind == Kind::guidance ? QStringLiteral("guidance")
+                                                 : QStringLiteral("notice"));
     place();
     show();
     raise();
-    m_timer.start(kind == Kind::error ? errorMs : guidanceMs);
+    m_timer.start(ms > 0                   ? ms
+                  : kind == Kind::error    ? errorMs
+                  : kind == Kind::guidance ? guidanceMs
+                                           : noticeMs);
 }
 
 void Toast::place() {

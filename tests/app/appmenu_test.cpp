@@ -32,7 +32,8 @@ TEST_F(AppMenu, ReadsTopToBottomWithAndWithoutTheDebugSwitch) {
     start();
     auto menu = open();
     EXPECT_EQ(titles(menu.get()),
-              QStringList({"Hotkey", "Launch at login", "Share anonymous usage (query → pick)",
+              QStringList({"Import collection…", "Hotkey", "Launch at login",
+                           "Share anonymous usage (query → pick)", "Delete my data on our server…",
                            "Image cache limit"}) +
                   endItems);
     // Sharing is off until the user turns it on, and the choice is kept.
@@ -46,7 +47,8 @@ TEST_F(AppMenu, ReadsTopToBottomWithAndWithoutTheDebugSwitch) {
     menu = open();
     EXPECT_EQ(
         titles(menu.get()),
-        QStringList({"Hotkey", "Launch at login", "Share anonymous usage (query → pick)",
+        QStringList({"Import collection…", "Hotkey", "Launch at login",
+                     "Share anonymous usage (query → pick)", "Delete my data on our server…",
                      "Cloud search: not configured", "Image cache limit", "Debug / A-B tests"}) +
             endItems);
     // An information line, not something to click.
@@ -69,7 +71,7 @@ TEST_F(AppMenu, ReadsTopToBottomWithAndWithoutTheDebugSwitch) {
               QStringList{"B: file URL + PNG"});
 
     settings->set(QStringLiteral("searchURL"), "https://search.example.org/v1");
-    EXPECT_EQ(titles(open().get()).at(3),
+    EXPECT_EQ(titles(open().get()).at(5),
               QStringLiteral("Cloud search: https://search.example.org/v1"));
 }
 

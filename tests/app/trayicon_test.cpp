@@ -147,7 +147,8 @@ TEST_F(TrayIcon, IconSitsInTheTrayAndRightClickOpensTheCurrentMenu) {
     QMenu* menu = rightClickTrayIcon(&click);
     ASSERT_NE(menu, nullptr) << "right-clicking the icon opened no menu";
     EXPECT_EQ(titles(menu),
-              (QStringList{"Hotkey", "Launch at login", "Share anonymous usage (query → pick)",
+              (QStringList{"Import collection…", "Hotkey", "Launch at login",
+                           "Share anonymous usage (query → pick)", "Delete my data on our server…",
                            "Image cache limit", "Reset picker size", "Clear recent and most used…",
                            "About Orvane", "Quit"}));
     EXPECT_EQ(checked(submenu(menu, QStringLiteral("Image cache limit"))), QStringList{"500 MB"});

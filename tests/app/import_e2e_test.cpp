@@ -1,0 +1,162 @@
+// SPDX-License-Identifier: MIT
+// Importing a folder through the import window, then finding its images in the Memes tab by
+// the words the tagging server gave them and by the collection's name.
+#include "menutitles.h"
+#include "server/catalogserver.h"
+#include "support/appondesktop.h"
+#include "ui/importwindow.h"
+
+#include <QFileDialog>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QTimer>
+
+namespace {
+
+// The tagging server of this test: 127.0.0.1, answering each image from its file name, and
+// HTTP 500 for "plain.jpg". Swap this function for the real orvane-server (which reads the
+// text on the image) once that tags.
+std::unique_ptr<CatalogServer> startTagServer(QUrl* url) {
+    auto server = std::make_unique<CatalogServer>(TestEnv::freshDir().toStdString());
+    server->addRoute(
+        "POST", "/v1/import/tag",
+        [](const HttpRequest& request) {
+            const std::string file =
+                QUrl::fromPercentEncoding(QByteArray::fromStdString(request.header("X-File")))
+                    .toStdString();
+            const std::string word = file == "beach.jpg"    ? "flamingo"
+                                     : file == "sunset.jpg" ? "lighthouse"
+                                                            : "";
+            if (word.empty() || request.body.empty())
+                return HttpResponse{500, "text/plain", "no", {}};
+            return HttpResponse{
+                200,
+                "application/json",
+                R"({"ocr_text":"","description":"a holiday picture","character":"",)"
+                R"("emotions":["happy"],"actions":[],"use_cases":["holidays"],"keywords":[")" +
+                    word + R"("],"language":"en","nsfw":false,"hateful":false})",
+                {}};
+        },
+        8 * 1024 * 1024);
+    const int port = server->start("127.0.0.1", 0);
+    if (port <= 0)
+        return nullptr;
+    *url = QUrl(QStringLiteral("http://127.0.0.1:%1/").arg(port));
+    return server;
+}
+
+QString holidayFolder() {
+    const QString dir = TestEnv::freshDir() + QStringLiteral("/Holiday");
+    QDir().mkpath(dir);
+    int hue = 0;
+    for (const char* name : {"beach.jpg", "plain.jpg", "sunset.jpg"}) {
+        QImage image(900, 600, QImage::Format_RGB32);
+        image.fill(QColor::fromHsv(hue += 100, 180, 220));
+        image.save(dir + u'/' + QLatin1String(name));
+    }
+    return dir;
+}
+
+bool clickOn(const QWidget* widget) {
+    return widget && Desktop::click(widget->mapToGlobal(widget->rect().center()));
+}
+
+template <typename W> W* visibleChild(const QString& name) {
+    for (QWidget* widget : QApplication::allWidgets())
+        if (auto* w = qobject_cast<W*>(widget); w && w->objectName() == name && w->isVisible())
+            return w;
+    return nullptr;
+}
+
+} // namespace
+
+class ImportOnTheDesktop : public AppOnTheDesktop {};
+
+TEST_F(ImportOnTheDesktop, AnImportedFolderIsFoundByItsTagsAndItsName) {
+    ASSERT_TRUE(serveCatalog(4, 4));
+    QUrl tagURL;
+    const std::unique_ptr<CatalogServer> tagger = startTagServer(&tagURL);
+    ASSERT_TRUE(tagger);
+    settings = TestEnv::installConfig({{QStringLiteral("MEME_SERVER"), catalog.url().toString()},
+                                       {QStringLiteral("MEME_API"), tagURL.toString()}});
+    startApp();
+    PickerModel& model = app->pickerModel();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return model.hasIndex(); }, 15000));
+    const QString folder = holidayFolder();
+
+    // Choose the folder in the window's file dialog, as the user types it.
+    app->importCollection();
+    ImportWindow* window = app->importWindow();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return window->isActiveWindow(); }, 5000));
+    QPushButton* chooseFolder = nullptr;
+    for (QPushButton* b : window->findChildren<QPushButton*>())
+        if (b->text() == QStringLiteral("Choose folder…"))
+            chooseFolder = b;
+    ASSERT_TRUE(clickOn(chooseFolder));
+    QFileDialog* dialog = nullptr;
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] {
+            dialog = visibleChild<QFileDialog>(QStringLiteral("importChooser"));
+            return dialog && dialog->isActiveWindow();
+        },
+        5000));
+    ASSERT_TRUE(Desktop::key("ctrl+a"));
+    ASSERT_TRUE(Desktop::type(folder));
+    ASSERT_TRUE(Desktop::key("Return"));
+    QLineEdit* name = window->findChild<QLineEdit*>(QStringLiteral("collectionName"));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return name->isVisible() && name->hasFocus(); }, 5000));
+    EXPECT_EQ(name->text(), QStringLiteral("Holiday"));
+    const auto labels = window->findChildren<QLabel*>();
+    EXPECT_TRUE(std::any_of(labels.begin(), labels.end(), [](const QLabel* l) {
+        return l->isVisible() && l->text() == ImportWindow::explanationText;
+    }));
+
+    ASSERT_TRUE(Desktop::key("ctrl+a"));
+    ASSERT_TRUE(Desktop::type(QStringLiteral("Summer snaps")));
+    ASSERT_TRUE(Desktop::key("Return"));
+    QLabel* status = window->findChild<QLabel*>(QStringLiteral("importStatus"));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return status->text().startsWith("Imported"); }, 60000))
+        << status->text().toStdString();
+    EXPECT_EQ(status->text(), QStringLiteral("Imported 3 images, 2 tagged. Not tagged: the "
+                                             "tagging server answered HTTP 500. Menu → Retry "
+                                             "tagging"));
+    EXPECT_EQ(model.tab(), PickerModel::Tab::collections);
+    EXPECT_EQ(model.collectionList().first().name, QStringLiteral("Summer snaps"));
+    const auto done = TestEnv::loggedEvents("import_done");
+    ASSERT_EQ(done.size(), 1u);
+    EXPECT_EQ(done[0]["added"], 3);
+    EXPECT_EQ(done[0]["tagged"], 2);
+    EXPECT_EQ(done[0]["skipped"], 0);
+
+    // In the Memes tab: a tag word finds its image, the collection's name finds all three.
+    ASSERT_TRUE(panelOpensWithKeyboard());
+    ASSERT_TRUE(Desktop::key("shift+Tab"));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return model.tab() == PickerModel::Tab::memes; }, 5000));
+    const QString id = app->userCollections().list().first().id;
+    const auto imported = [&] {
+        return std::count_if(model.results().cbegin(), model.results().cend(),
+                             [&](const Meme& m) { return m.collection_id == id; });
+    };
+    ASSERT_TRUE(Desktop::type(QStringLiteral("flamingo")));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return imported() == 1; }, 5000));
+    EXPECT_EQ(model.results().size(), 1);
+    ASSERT_TRUE(Desktop::key("ctrl+a"));
+    ASSERT_TRUE(Desktop::type(QStringLiteral("summer")));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return imported() == 3; }, 5000)) << imported();
+
+    // Deleting the collection takes its images out of the results at once.
+    QTimer confirm;
+    QObject::connect(&confirm, &QTimer::timeout, [&] {
+        if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget()))
+            for (QAbstractButton* b : box->buttons())
+                if (b->text() == QStringLiteral("Delete"))
+                    b->click();
+    });
+    confirm.start(50);
+    app->deleteImported(id);
+    confirm.stop();
+    EXPECT_EQ(imported(), 0);
+    EXPECT_TRUE(app->userCollections().list().isEmpty());
+}
