@@ -364,11 +364,18 @@ void CatalogServer::stopDaemon() {
     {
         // libmicrohttpd must not stop with suspended connections; a handler that answers
         // after this finds its connection gone and does nothing.
-        const std::lock_guard lock(m_pendingMutex);
-        for (const std::weak_ptr<Pending>& weak : m_pending) {
-            const std::shared_ptr<Pending> pending = weak.lock();
-            if (!pending)
-                continue;
+        std::vector<std::shared_ptr<Pending>> owed;
+        {
+            const std::lock_guard lock(m_pendingMutex);
+            m_refuseAsync = true;
+            for (const std::weak_ptr<Pending>& weak : m_pending)
+                if (std::shared_ptr<Pending> pending = weak.lock())
+                    owed.push_back(std::move(pending));
+            m_pending.clear();
+        }
+        // Each Pending's own lock is taken without m_pendingMutex held: answerLater() takes
+        // them the other way round.
+        for (const std::shared_ptr<Pending>& pending : owed) {
             const std::lock_guard pendingLock(pending->lock);
             if (!pending->suspended)
                 continue;
@@ -376,7 +383,6 @@ void CatalogServer::stopDaemon() {
             pending->reply = {503, "text/plain; charset=utf-8", "server stopping\n", {}};
             MHD_resume_connection(std::exchange(pending->suspended, nullptr));
         }
-        m_pending.clear();
     }
     if (daemon)
         MHD_stop_daemon(daemon);
@@ -553,19 +559,25 @@ int CatalogServer::answerLater(MHD_Connection* connection, Exchange& exchange) {
         });
         std::unique_lock lock(pending->lock);
         if (!pending->answered) {
-            // Suspended under the lock, so an answer from another thread cannot slip in
-            // before there is something to resume.
-            MHD_suspend_connection(connection);
-            pending->suspended = connection;
-            lock.unlock();
-            // The request is in; the deadline for receiving one does not apply while it is
-            // being worked on.
-            if (Connection* state = connectionState(connection))
-                state->receiving = false;
             const std::lock_guard pendingLock(m_pendingMutex);
-            m_pending.remove_if([](const std::weak_ptr<Pending>& p) { return p.expired(); });
-            m_pending.push_back(pending);
-            return MHD_YES;
+            if (m_refuseAsync) {
+                pending->answered = true;
+                pending->reply = {503, "text/plain; charset=utf-8", "server stopping\n", {}};
+            } else {
+                // Suspended under the lock, so an answer from another thread cannot slip in
+                // before there is something to resume, and listed under m_pendingMutex, so
+                // stop() either sees it or has already made us refuse.
+                MHD_suspend_connection(connection);
+                pending->suspended = connection;
+                m_pending.remove_if([](const std::weak_ptr<Pending>& p) { return p.expired(); });
+                m_pending.push_back(pending);
+                lock.unlock();
+                // The request is in; the deadline for receiving one does not apply while it
+                // is being worked on.
+                if (Connection* state = connectionState(connection))
+                    state->receiving = false;
+                return MHD_YES;
+            }
         }
     }
     HttpResponse reply;

@@ -157,4 +157,7 @@ private:
     // Requests of async routes whose answer has not come yet, answered with 503 on stop.
     std::mutex m_pendingMutex;
     std::list<std::weak_ptr<Pending>> m_pending;
+    // Set by stop(): from then on an async answer is not waited for but refused at once, so
+    // no connection is left suspended when libmicrohttpd stops.
+    bool m_refuseAsync = false;
 };
