@@ -533,14 +533,7 @@ int CatalogServer::answer(MHD_Connection* connection, Exchange& exchange) {
     exchange.request.peer = peerOf(connection);
     if (exchange.route->asyncHandler)
         return answerLater(connection, exchange);
-    const HttpResponse reply = exchange.route->handler(exchange.request);
-    MHD_Response* response = bufferResponse(reply.body);
-    if (!response)
-        return MHD_NO;
-    MHD_add_response_header(response, "Content-Type", reply.contentType.c_str());
-    for (const auto& [name, value] : reply.headers)
-        MHD_add_response_header(response, name.c_str(), value.c_str());
-    return queue(connection, static_cast<unsigned>(reply.status), response);
+    return queueReply(connection, exchange.route->handler(exchange.request));
 }
 
 int CatalogServer::answerLater(MHD_Connection* connection, Exchange& exchange) {

@@ -3,6 +3,7 @@
 
 #include "catalog/catalogjson.h"
 #include "server/eventstore.h"
+#include "server/jsonresponse.h"
 #include "server/searchservice.h"
 #include "server/serverlog.h"
 
@@ -16,14 +17,6 @@ namespace {
 
 using nlohmann::json;
 using nlohmann::ordered_json;
-
-HttpResponse jsonResponse(int status, const ordered_json& body) {
-    HttpResponse response;
-    response.status = status;
-    response.contentType = "application/json";
-    response.body = body.dump();
-    return response;
-}
 
 void logRefusal(const HttpRequest& request, int status, const std::string& why) {
     qCWarning(lcServer).noquote() << QString::fromStdString(request.method + ' ' + request.path +

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "server/tagservice.h"
 
+#include "server/jsonresponse.h"
 #include "server/ocrengine.h"
 #include "server/serverlog.h"
 #include "server/tagger.h"
@@ -17,14 +18,6 @@
 namespace {
 
 using nlohmann::ordered_json;
-
-HttpResponse jsonResponse(int status, const ordered_json& body) {
-    HttpResponse response;
-    response.status = status;
-    response.contentType = "application/json";
-    response.body = body.dump();
-    return response;
-}
 
 HttpResponse refusal(const HttpRequest& request, int status, const std::string& code,
                      const std::string& message) {
