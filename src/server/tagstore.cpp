@@ -14,12 +14,12 @@ namespace {
 const char* const schema[] = {
     "PRAGMA journal_mode=WAL",
     "PRAGMA synchronous=NORMAL",
-    "CREATE TABLE IF NOT EXISTS tags(id INTEGER PRIMARY KEY, device TEXT NOT NULL,"
-    " install_id TEXT NOT NULL, collection TEXT NOT NULL, file TEXT NOT NULL,"
-    " tags TEXT NOT NULL, created TEXT NOT NULL)",
+    ("CREATE TABLE IF NOT EXISTS tags(id INTEGER PRIMARY KEY, device TEXT NOT NULL,"
+     " install_id TEXT NOT NULL, collection TEXT NOT NULL, file TEXT NOT NULL,"
+     " tags TEXT NOT NULL, created TEXT NOT NULL)"),
     "CREATE INDEX IF NOT EXISTS tags_device ON tags(device)",
-    "CREATE TABLE IF NOT EXISTS template_prints(path TEXT PRIMARY KEY, size INTEGER NOT NULL,"
-    " mtime_ns INTEGER NOT NULL, shape INTEGER NOT NULL, colours BLOB NOT NULL)",
+    ("CREATE TABLE IF NOT EXISTS template_prints(path TEXT PRIMARY KEY, size INTEGER NOT NULL,"
+     " mtime_ns INTEGER NOT NULL, shape INTEGER NOT NULL, colours BLOB NOT NULL)"),
 };
 
 class Statement {
