@@ -42,15 +42,6 @@ bool placeWindow(const QString& name, const QRect& area) {
                              QString::number(area.width()), QString::number(area.height())});
 }
 
-QString windowNameMatching(const QString& pattern) {
-    QByteArray out;
-    XvfbSession::run(QStringLiteral("xdotool"),
-                     {QStringLiteral("search"), QStringLiteral("--name"), pattern,
-                      QStringLiteral("getwindowname")},
-                     &out);
-    return QString::fromUtf8(out).trimmed();
-}
-
 QStringList moveArgs(QPoint from, QPoint to, int steps) {
     QStringList args;
     for (int i = 1; i <= steps; ++i) {
@@ -339,7 +330,9 @@ document.addEventListener('drop', event => {
         QString title;
         const QString prefix = QStringLiteral("drop %1 ").arg(++drops);
         ASSERT_TRUE(QTest::qWaitFor(
-            [&] { return !(title = windowNameMatching(QLatin1Char('^') + prefix)).isEmpty(); },
+            [&] {
+                return !(title = Desktop::windowNameMatching(QLatin1Char('^') + prefix)).isEmpty();
+            },
             10000));
         const QString cached = store.cachedFullURL(meme)->toLocalFile();
         const QFileInfo file(payload == DragPayload::c ? jpegCopyOf(meme) : cached);
