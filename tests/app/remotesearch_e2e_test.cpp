@@ -60,19 +60,15 @@ protected:
     std::unique_ptr<AppDelegate> app;
 };
 
-bool xdotool(const QStringList& args) {
-    return XvfbSession::run(QStringLiteral("xdotool"), args);
-}
-
 } // namespace
 
 TEST_F(CloudOnTheDesktop, AQueryTheIndexBarelyAnswersShowsCloudResults) {
     PickerModel& model = app->pickerModel();
-    ASSERT_TRUE(xdotool({QStringLiteral("key"), QStringLiteral("ctrl+m")}));
+    ASSERT_TRUE(Desktop::key("ctrl+m"));
     ASSERT_TRUE(QTest::qWaitFor([&] { return app->panelController().panelHasKeyboard(); }, 5000));
 
-    ASSERT_TRUE(xdotool({QStringLiteral("type"), QStringLiteral("--delay"), QStringLiteral("30"),
-                         QStringLiteral("dog number 14")}));
+    ASSERT_TRUE(Desktop::xdotool({QStringLiteral("type"), QStringLiteral("--delay"),
+                                  QStringLiteral("30"), QStringLiteral("dog number 14")}));
     const QString merged = QStringLiteral(
         "2 results (+1 from cloud) · ↵ paste · drag to insert · Ctrl+D favorite · esc close");
     EXPECT_TRUE(QTest::qWaitFor([&] { return statusLine() == merged; }, 10000))

@@ -2,8 +2,8 @@
 #include "catalog/imageconversion.h"
 #include "catalog/thumbnailcache.h"
 #include "imagecachetestkit.h"
+#include "support/images.h"
 
-#include <QBuffer>
 #include <QFileInfo>
 #include <QImage>
 
@@ -11,13 +11,7 @@ namespace {
 using Answer = FaultyServer::Answer;
 
 QByteArray encoded(const char* format, QColor color = Qt::red) {
-    QImage image(8, 6, QImage::Format_RGB32);
-    image.fill(color);
-    QByteArray bytes;
-    QBuffer buffer(&bytes);
-    buffer.open(QIODevice::WriteOnly);
-    image.save(&buffer, format);
-    return bytes;
+    return TestImages::encode(TestImages::filled(8, 6, color), format);
 }
 
 struct Reply {

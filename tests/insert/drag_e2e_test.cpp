@@ -12,7 +12,6 @@
 #include <QClipboard>
 #include <QDir>
 #include <QDirIterator>
-#include <QImage>
 #include <QListView>
 #include <QStandardPaths>
 #include <QTimer>
@@ -21,10 +20,6 @@ namespace {
 
 // Where the target windows go: below the panel, which opens in the upper part of the screen.
 const QRect targetArea(100, 580, 1000, 200);
-
-QString jsonText(const nlohmann::json& value) {
-    return QString::fromStdString(value.get<std::string>());
-}
 
 std::vector<nlohmann::json> dragInserts() {
     std::vector<nlohmann::json> found;
@@ -40,15 +35,6 @@ bool placeWindow(const QString& name, const QRect& area) {
                              QStringLiteral("windowmove"), QString::number(area.x()),
                              QString::number(area.y()), QStringLiteral("windowsize"),
                              QString::number(area.width()), QString::number(area.height())});
-}
-
-QString windowNameMatching(const QString& pattern) {
-    QByteArray out;
-    XvfbSession::run(QStringLiteral("xdotool"),
-                     {QStringLiteral("search"), QStringLiteral("--name"), pattern,
-                      QStringLiteral("getwindowname")},
-                     &out);
-    return QString::fromUtf8(out).trimmed();
 }
 
 QStringList moveArgs(QPoint from, QPoint to, int steps) {
@@ -184,11 +170,8 @@ TEST_F(DragOnTheDesktop, EachPayloadDropsIntoAQtWindowAndCountsAsAnInsert) {
         const QString url = drop["urls"].toArray().at(0).toString();
         const QByteArray file = TestEnv::readFile(QUrl(url).toLocalFile());
         if (payload == DragPayload::c) {
-            // Named after the meme ("a cat number 2" → "a-cat-number-2.jpg").
-            const QString name = QString(meme.description).replace(' ', '-') + ".jpg";
-            EXPECT_EQ(QUrl(url).fileName(), name);
-            EXPECT_TRUE(file.startsWith("\xff\xd8\xff"));
-            EXPECT_EQ(QImage::fromData(file).size(), QSize(64, 64));
+            // What the JPEG copy holds is DragItem's own test; here, that the drop names it.
+            EXPECT_EQ(QUrl(url).toLocalFile(), jpegCopyOf(meme));
         } else {
             EXPECT_EQ(sha256(file), sha256(cached)) << url.toStdString();
         }
@@ -329,7 +312,8 @@ document.addEventListener('drop', event => {
     MemeStore& store = app->memeStore();
 
     int drops = 0;
-    for (const DragPayload payload : {DragPayload::a, DragPayload::b, DragPayload::c}) {
+    // Chromium takes the file of a drop and leaves the PNG bytes, so B would drop as A does.
+    for (const DragPayload payload : {DragPayload::a, DragPayload::c}) {
         SCOPED_TRACE(rawValue(payload).toStdString());
         DebugFlags::setDragPayload(payload);
         ASSERT_TRUE(openWithResults("dog", 2));
@@ -339,7 +323,9 @@ document.addEventListener('drop', event => {
         QString title;
         const QString prefix = QStringLiteral("drop %1 ").arg(++drops);
         ASSERT_TRUE(QTest::qWaitFor(
-            [&] { return !(title = windowNameMatching(QLatin1Char('^') + prefix)).isEmpty(); },
+            [&] {
+                return !(title = Desktop::windowNameMatching(QLatin1Char('^') + prefix)).isEmpty();
+            },
             10000));
         const QString cached = store.cachedFullURL(meme)->toLocalFile();
         const QFileInfo file(payload == DragPayload::c ? jpegCopyOf(meme) : cached);
@@ -347,12 +333,11 @@ document.addEventListener('drop', event => {
                                      .arg(file.fileName())
                                      .arg(payload == DragPayload::c ? "image/jpeg" : "image/png")
                                      .arg(file.size());
-        // Chromium takes the file of a drop from another program and leaves the PNG bytes.
         EXPECT_TRUE(title.contains(QStringLiteral("Files"))) << title.toStdString();
         EXPECT_TRUE(title.endsWith(expected)) << title.toStdString();
         const auto inserts = dragInserts();
         ASSERT_FALSE(inserts.empty());
-        EXPECT_TRUE(jsonText(inserts.back()["target"]).contains(QStringLiteral("hromium")))
+        EXPECT_NE(inserts.back().value("target", "").find("hromium"), std::string::npos)
             << inserts.back().dump();
     }
 }

@@ -1,21 +1,15 @@
 // SPDX-License-Identifier: MIT
 #include "insert/dragitem.h"
+#include "support/images.h"
 #include "support/testenv.h"
 
-#include <QBuffer>
 #include <QImage>
 #include <QUrl>
 #include <gtest/gtest.h>
 
 namespace {
 
-QByteArray encode(const QImage& image, const char* format) {
-    QByteArray bytes;
-    QBuffer buffer(&bytes);
-    buffer.open(QIODevice::WriteOnly);
-    image.save(&buffer, format);
-    return bytes;
-}
+using TestImages::encode;
 
 QByteArray bytesOf(const ClipboardItem& item, const QString& type) {
     for (const auto& [t, bytes] : item)

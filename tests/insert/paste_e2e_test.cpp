@@ -3,8 +3,8 @@
 // front, the hotkey, typing, Enter, and the user's clipboard checked afterwards with xclip.
 #include "base/apppaths.h"
 #include "pastefixture.h"
+#include "support/images.h"
 
-#include <QBuffer>
 #include <QImage>
 #include <nlohmann/json.hpp>
 #include <xcb/xcb.h>
@@ -18,10 +18,7 @@ TEST_F(PasteOnTheDesktop, EachPayloadPastesAndTheUsersClipboardComesBack) {
             seed = seed * 1664525u + 1013904223u;
             image.setPixel(x, y, seed);
         }
-    QByteArray noise;
-    QBuffer buffer(&noise);
-    buffer.open(QIODevice::WriteOnly);
-    image.save(&buffer, "PNG");
+    const QByteArray noise = TestImages::encode(image, "PNG");
 
     PasteTarget target;
     ASSERT_TRUE(target.start());

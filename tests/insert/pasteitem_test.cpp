@@ -1,20 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "insert/pasteitem.h"
+#include "support/images.h"
 #include "support/testenv.h"
 
-#include <QBuffer>
 #include <QImage>
 #include <gtest/gtest.h>
 
 namespace {
 
-QByteArray encode(const QImage& image, const char* format) {
-    QByteArray bytes;
-    QBuffer buffer(&bytes);
-    buffer.open(QIODevice::WriteOnly);
-    image.save(&buffer, format);
-    return bytes;
-}
+using TestImages::encode;
 
 QImage halfTransparent() {
     QImage image(16, 8, QImage::Format_ARGB32);

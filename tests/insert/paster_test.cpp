@@ -10,10 +10,10 @@
 #include "platform/none/nullkeysynthesizer.h"
 #include "platform/none/nullwindowactivator.h"
 #include "platform/none/qtclipboardreader.h"
+#include "support/images.h"
 #include "support/testenv.h"
 #include "telemetry/metrics.h"
 
-#include <QBuffer>
 #include <QClipboard>
 #include <QGuiApplication>
 #include <QImage>
@@ -40,11 +40,7 @@ protected:
                                               toasts.append({text, ms});
                                           });
 
-        QImage image(10, 10, QImage::Format_RGB32);
-        image.fill(Qt::blue);
-        QBuffer buffer(&png);
-        buffer.open(QIODevice::WriteOnly);
-        image.save(&buffer, "PNG");
+        png = TestImages::encode(TestImages::filled(10, 10, Qt::blue), "PNG");
         TestEnv::writeFile(dir + QStringLiteral("/cat.png"), png);
         meme.id = QStringLiteral("cat1");
         meme.full = QStringLiteral("/f/cat1.png");

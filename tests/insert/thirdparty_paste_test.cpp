@@ -19,15 +19,6 @@ bool startInFront(Desktop::Program& program, const QString& path, const QStringL
            QTest::qWaitFor([&] { return Desktop::activate(windowName); }, 30000);
 }
 
-QString windowNameMatching(const QString& pattern) {
-    QByteArray out;
-    XvfbSession::run(QStringLiteral("xdotool"),
-                     {QStringLiteral("search"), QStringLiteral("--name"), pattern,
-                      QStringLiteral("getwindowname")},
-                     &out);
-    return QString::fromUtf8(out).trimmed();
-}
-
 } // namespace
 
 TEST_F(PasteOnTheDesktop, GtkEditorGetsTheFileAndTheUserKeepsTheirText) {
@@ -97,7 +88,7 @@ document.addEventListener('paste', event => {
     QString title;
     ASSERT_TRUE(QTest::qWaitFor(
         [&] {
-            title = windowNameMatching(QStringLiteral("^pasted "));
+            title = Desktop::windowNameMatching(QStringLiteral("^pasted "));
             return !title.isEmpty();
         },
         15000));

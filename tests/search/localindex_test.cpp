@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "searchtesthelpers.h"
+#include "support/logcapture.h"
 
 #include <QDir>
 #include <QFile>
@@ -9,36 +10,12 @@
 #include <atomic>
 #include <functional>
 #include <future>
-#include <mutex>
 #include <sqlite3.h>
 #include <thread>
 
 using namespace SearchTest;
 
 namespace {
-
-// Collects the log lines of every thread while alive.
-class LogCapture {
-public:
-    LogCapture() {
-        take();
-        m_previous =
-            qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& msg) {
-                std::lock_guard guard(s_mutex);
-                s_lines.append(msg);
-            });
-    }
-    ~LogCapture() { qInstallMessageHandler(m_previous); }
-    QStringList take() {
-        std::lock_guard guard(s_mutex);
-        return std::exchange(s_lines, {});
-    }
-
-private:
-    static inline std::mutex s_mutex;
-    static inline QStringList s_lines;
-    QtMessageHandler m_previous;
-};
 
 const QString sig1(64, QLatin1Char('1'));
 const QString sig2(64, QLatin1Char('2'));

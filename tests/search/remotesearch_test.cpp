@@ -4,6 +4,7 @@
 #include "search/remotesearch.h"
 #include "searchtesthelpers.h"
 #include "support/httptestserver.h"
+#include "support/logcapture.h"
 #include "telemetry/loggedevents.h"
 #include "userdata/userdata.h"
 
@@ -95,28 +96,6 @@ private:
     std::map<std::string, Reply> m_answers;
     std::map<std::string, bool> m_held;
     bool m_stopping = false;
-};
-
-// Collects the "glimmet.search" log lines written while it lives, from any thread: answers
-// are decoded, and their failures logged, on the pool.
-struct SearchLog {
-    SearchLog() {
-        std::lock_guard lock(mutex);
-        lines.clear();
-    }
-    ~SearchLog() { qInstallMessageHandler(previous); }
-    QStringList read() const {
-        std::lock_guard lock(mutex);
-        return lines;
-    }
-    static void collect(QtMsgType, const QMessageLogContext& context, const QString& message) {
-        std::lock_guard lock(mutex);
-        if (QLatin1String(context.category) == QLatin1String("glimmet.search"))
-            lines.append(message);
-    }
-    static inline std::mutex mutex;
-    static inline QStringList lines;
-    QtMessageHandler previous = qInstallMessageHandler(collect);
 };
 
 struct Answer {
@@ -231,7 +210,7 @@ TEST(RemoteSearch, FailuresLogOneLineButCancellingAndBadHitsAreSilent) {
     TestEnv::installConfig();
     CloudServer cloud;
     const auto client = RemoteSearch::worker(cloud.url());
-    SearchLog log;
+    LogCapture log("glimmet.search");
     auto mixed = nlohmann::json::parse(hits("good1 good2"));
     mixed["hits"].insert(mixed["hits"].begin() + 1, {{{"id", "no-other-fields"}}, 42});
     cloud.answer("mixed", mixed.dump());

@@ -160,12 +160,8 @@ TEST_F(DemoCatalog, MapsOpenMojiDataIntoStrictlyDecodableRecords) {
 
     const Meme& grin = *findById(*index, "1F600");
     EXPECT_EQ(grin.description, "grinning face");
-    EXPECT_EQ(grin.template_, "Smileys & Emotion: face smiling");
     EXPECT_TRUE(grin.keywords.contains("happy") && grin.keywords.contains("smile"));
-    EXPECT_TRUE(grin.emotions.contains("happy") && grin.emotions.contains("amused"));
-    EXPECT_TRUE(grin.use_cases.contains("laughing at a joke"));
-    EXPECT_EQ(grin.actions, QStringList{"grinning"});
-    EXPECT_EQ(grin.ocr_text, "");
+    EXPECT_TRUE(grin.emotions.contains("happy"));
     EXPECT_FALSE(grin.collection_id.has_value());
 
     // A skin-tone variant is found by its base emoji's words.
@@ -197,7 +193,10 @@ TEST_F(DemoCatalog, EveryRecordPointsAtServedImagesOfTheStatedSize) {
             EXPECT_EQ(thumb.image.width(), 32) << meme.thumb.toStdString();
         }
     }
-    for (const Meme& meme : memes("index_stress.json")) {
+    const MemeList stress = memes("index_stress.json");
+    ASSERT_EQ(stress.size(), 3);
+    for (const Meme& meme : stress) {
+        EXPECT_TRUE(meme.keywords.contains(QStringLiteral("cat"))) << meme.id.toStdString();
         const Image full = fetchImage(port, meme.full);
         EXPECT_EQ(full.type, "image/jpeg") << meme.full.toStdString();
         EXPECT_EQ(full.image.size(), QSize(100, 100)) << meme.full.toStdString();
@@ -256,24 +255,6 @@ TEST_F(DemoCatalog, StickersBelongToCollectionsWithCoversAndCounts) {
                      [](const CollectionInfo& c) { return c.name == "Animals & Nature"; });
     ASSERT_NE(cat, collections->end());
     EXPECT_EQ(cat->cover, findById(index, "1F431")->thumb);
-}
-
-TEST_F(DemoCatalog, StressCatalogHasTheSyntheticCatRecords) {
-    ASSERT_EQ(s_run.exitCode, 0) << s_run.err.toStdString();
-    MemeList expected;
-    for (int n = 1; n <= 3; ++n) {
-        Meme meme;
-        meme.id = QStringLiteral("m_0000%1").arg(n);
-        meme.description = QStringLiteral("a cat number %1").arg(n);
-        meme.keywords = {QStringLiteral("cat")};
-        meme.thumb = QStringLiteral("/t/%1.webp").arg(n);
-        meme.full = QStringLiteral("/f/%1.jpg").arg(n);
-        meme.width = meme.height = 100;
-        meme.bytes = 1;
-        meme.popularity = 200 - n;
-        expected << meme;
-    }
-    EXPECT_EQ(memes("index_stress.json"), expected);
 }
 
 TEST_F(DemoCatalog, ShipsTheLicenceAndAttributionAndReplacesAnOldBuildWhole) {

@@ -228,8 +228,9 @@ TEST(SearchApi, EventsAreValidatedWholeAndABatchSentTwiceIsStoredOnce) {
     json shownNotStrings = event("dog", "joy");
     shownNotStrings["results_shown"] = {1, 2};
     for (const std::string& body :
-         {std::string("[{\"query\":"), json{event("dog", "joy"), wrongType}.dump(),
-          json{missing}.dump(), json{shownNotStrings}.dump(), event("dog", "joy").dump()})
+         {std::string("[{\"query\":"), std::string("\xff\xfe[[[", 5),
+          json{event("dog", "joy"), wrongType}.dump(), json{missing}.dump(),
+          json{shownNotStrings}.dump(), event("dog", "joy").dump()})
         EXPECT_EQ(s.postEvents(body).status, 400) << body;
     EXPECT_EQ(s.postEvents(json::array({event(std::string(3000, 'q'), "joy")}).dump()).status, 413);
     EXPECT_EQ(s.postEvents(batch, "").status, 400);

@@ -43,6 +43,15 @@ inline bool activate(const QString& name) {
                     QStringLiteral("--onlyvisible"), QStringLiteral("--name"), name,
                     QStringLiteral("windowactivate"), QStringLiteral("--sync")});
 }
+// The name of a window whose name matches `pattern`, or empty when none does.
+inline QString windowNameMatching(const QString& pattern) {
+    QByteArray out;
+    XvfbSession::run(QStringLiteral("xdotool"),
+                     {QStringLiteral("search"), QStringLiteral("--name"), pattern,
+                      QStringLiteral("getwindowname")},
+                     &out);
+    return QString::fromUtf8(out).trimmed();
+}
 
 // xclip keeps serving what it copied until someone else takes the clipboard.
 inline bool copyFile(const QString& file, const QString& type = {}) {
