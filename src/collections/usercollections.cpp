@@ -24,7 +24,6 @@
 #include <cmath>
 #include <condition_variable>
 #include <nlohmann/json.hpp>
-#include <thread>
 
 using nlohmann::ordered_json;
 
@@ -254,6 +253,14 @@ UserCollections::UserCollections(QString root)
 
 UserCollections::~UserCollections() {
     m_tagPool.waitForDone();
+}
+
+void UserCollections::stop() {
+    {
+        const std::lock_guard guard(m_stopLock);
+        m_stopping = true;
+    }
+    m_stopWake.notify_all();
 }
 
 QString UserCollections::defaultRoot() {
@@ -486,7 +493,7 @@ UserCollections::Result UserCollections::importCollection(const Plan& plan, cons
     }
 
     const qsizetype total = plan.files.size();
-    for (qsizetype n = 0; n < total; ++n) {
+    for (qsizetype n = 0; n < total && !m_stopping; ++n) {
         progress(QStringLiteral("Importing %1: resizing %2/%3").arg(name).arg(n + 1).arg(total));
         const QString& source = plan.files[n];
         const std::optional<Resized> resized = resize(source);
@@ -564,7 +571,7 @@ UserCollections::TagRun UserCollections::tagPending(const QString& id, const Pro
         {
             std::unique_lock guard(m_lock);
             run.slotFree.wait(guard, [&] { return run.inFlight < maxTagsInFlight; });
-            if (run.stop)
+            if (run.stop || m_stopping)
                 break;
             ++run.inFlight;
         }
@@ -656,8 +663,10 @@ UserCollections::TagResult UserCollections::requestTagsRetrying(const QByteArray
         if (!error || error->kind != TagError::Kind::rateLimited)
             return result;
         // The wait follows the last attempt too, so the next image also starts later.
-        std::this_thread::sleep_for(std::chrono::duration<double>(m_retryDelaySeconds * attempt));
-        if (attempt == maxAttempts)
+        std::unique_lock guard(m_stopLock);
+        if (m_stopWake.wait_for(guard, std::chrono::duration<double>(m_retryDelaySeconds * attempt),
+                                [this] { return m_stopping.load(); }) ||
+            attempt == maxAttempts)
             return result;
     }
 }

@@ -9,6 +9,8 @@
 #include <QStringList>
 #include <QThreadPool>
 #include <QUrl>
+#include <atomic>
+#include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -169,6 +171,10 @@ public:
     // requestTags(), waiting and trying again while the server asks us to slow down.
     TagResult requestTagsRetrying(const QByteArray& data, const QString& collection,
                                   const QString& file) const;
+    // Ends running imports and tagging runs soon, for quitting: after the images at hand, with
+    // what was done saved. Later ones end at once. Any thread.
+    void stop();
+
     // Asks the server to forget every tag it keeps for this device; blocks.
     static DeleteOutcome deleteCloudData();
 
@@ -188,4 +194,8 @@ private:
     // Manifests and the counters of tagging runs.
     mutable std::mutex m_lock;
     QThreadPool m_tagPool;
+    std::atomic<bool> m_stopping = false;
+    // Wakes the wait between attempts of a slowed-down request when stop() is called.
+    mutable std::mutex m_stopLock;
+    mutable std::condition_variable m_stopWake;
 };
