@@ -322,3 +322,39 @@ TEST(Tagging, ReportsEachOutcomeOfDeletingTheServersData) {
     EXPECT_EQ(unreachable.kind, Kind::failed);
     EXPECT_TRUE(unreachable.text.startsWith("could not reach the server ("));
 }
+
+TEST(TaggingDeathTest, AKillWhileTaggingLosesOnlyTheTagsSinceTheLastCheckpoint) {
+    // The child process re-runs this body: it must find the parent's folders.
+    const char* rootVariable = "ORVANE_KILLED_TAGGING_ROOT";
+    const QString root = qEnvironmentVariableIsSet(rootVariable)
+                             ? qEnvironmentVariable(rootVariable)
+                             : TestEnv::freshDir();
+    qputenv(rootVariable, root.toUtf8());
+    const QString src = root + QStringLiteral("/Cats");
+    if (!QFile::exists(src))
+        photos(40, false, src);
+    EXPECT_EXIT(
+        {
+            TagServer server;
+            server.answerAlways(200, tagsJSON);
+            UserCollections collections(root + QStringLiteral("/collections"));
+            collections.importCollection(UserCollections::planFolder(src).first(),
+                                         QStringLiteral("Cats"), [](const QString& p) {
+                                             if (p.startsWith(QLatin1String("Tagging")) &&
+                                                 p.contains(QLatin1String(": 30/40")))
+                                                 ::raise(SIGKILL);
+                                         });
+        },
+        testing::KilledBySignal(SIGKILL), "");
+    qunsetenv(rootVariable);
+    UserCollections collections(root + QStringLiteral("/collections"));
+    const auto rows = collections.list();
+    ASSERT_EQ(rows.size(), 1);
+    EXPECT_EQ(rows.first().count, 40);
+    EXPECT_EQ(rows.first().untagged, 40 - UserCollections::checkpointEvery);
+    EXPECT_EQ(collections.load().stickers.size(), 40);
+    TagServer server;
+    server.answerAlways(200, tagsJSON);
+    EXPECT_EQ(collections.retryAll([](const QString&) {}).tagged,
+              40 - UserCollections::checkpointEvery);
+}
