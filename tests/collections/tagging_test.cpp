@@ -252,6 +252,7 @@ TEST(Tagging, StopsAtTheCapAfterThreeFailuresInARowOrOnQuitAndResumesLater) {
     std::mutex mutex;
     std::condition_variable counted;
     int done = 0;
+    bool ended = false;
     const auto waitForDone = [&](int count) {
         std::unique_lock guard(mutex);
         return counted.wait_for(guard, patience, [&] { return done >= count; });
@@ -265,6 +266,9 @@ TEST(Tagging, StopsAtTheCapAfterThreeFailuresInARowOrOnQuitAndResumesLater) {
             ++done;
             counted.notify_all();
         });
+        const std::lock_guard guard(mutex);
+        ended = true;
+        counted.notify_all();
     });
     const auto finish = [&] {
         server.answerHeld();
@@ -281,11 +285,16 @@ TEST(Tagging, StopsAtTheCapAfterThreeFailuresInARowOrOnQuitAndResumesLater) {
     }
     const std::size_t sentBeforeQuit = answers.size() + UserCollections::maxTagsInFlight;
     ASSERT_TRUE(server.waitForRequests(start + sentBeforeQuit));
-    // Quitting lets the requests under way finish, starts no more and keeps their tags.
+    // Quitting abandons the requests under way (the server never answers them), starts no
+    // more and keeps the tags received.
     quitting.stop();
+    {
+        std::unique_lock guard(mutex);
+        EXPECT_TRUE(counted.wait_for(guard, patience, [&] { return ended; }));
+    }
     server.answerAlways(200, tagsJSON);
     finish();
-    EXPECT_EQ(stopped.tagged, 2 + UserCollections::maxTagsInFlight);
+    EXPECT_EQ(stopped.tagged, 2);
     EXPECT_EQ(server.requests().size(), start + sentBeforeQuit);
     EXPECT_EQ(collections.list().first().untagged, 30 - stopped.tagged);
 
