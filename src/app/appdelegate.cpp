@@ -133,6 +133,9 @@ AppDelegate::AppDelegate(CommandLine commandLine, QObject* parent)
     : QObject(parent), m_commandLine(std::move(commandLine)) {}
 
 AppDelegate::~AppDelegate() {
+    // Quitting waits for the background import: it must end after the image at hand.
+    if (m_userCollections)
+        m_userCollections->stop();
     // The panel refers to the model and the thumbnail cache: it goes first.
     m_panel.reset();
     m_tray.reset();
@@ -162,6 +165,7 @@ void AppDelegate::start() {
     registerHotKey();
 
     m_userCollections = std::make_shared<UserCollections>();
+    connect(qApp, &QCoreApplication::aboutToQuit, this, [this] { m_userCollections->stop(); });
     m_fetcher = std::make_unique<CatalogFetcher>(DebugFlags::serverURL());
     m_loader = std::make_unique<CatalogLoader>(m_fetcher.get(), AppPaths::dataDir());
     connect(m_loader.get(), &CatalogLoader::indexLoaded, this,

@@ -15,6 +15,8 @@ CommandLine CommandLine::parse(const QStringList& arguments) {
             cl.benchPrefetch = true;
         } else if (a == QLatin1String("--usage-test")) {
             cl.usageTest = true;
+        } else if (a == QLatin1String("--delete-data-test")) {
+            cl.deleteDataTest = true;
         } else if (a == QLatin1String("--caption-test")) {
             cl.captionTest = true;
         } else if (a == QLatin1String("--render-caption") && i + 4 < arguments.size()) {
@@ -41,6 +43,7 @@ QString usageText() {
         "Usage: orvane [--show]\n"
         "       orvane --print-config | --query TEXT | --bench | --bench-prefetch | --usage-test\n"
         "       orvane --caption-test | --render-caption IN TOP BOTTOM OUT.jpg\n"
+        "       orvane --delete-data-test\n"
         "\n"
         "Without a switch, Orvane stays in the tray and its shortcut (Ctrl+M unless changed)\n"
         "opens the picker. Started again, it opens the picker of the copy already running.\n"
@@ -53,6 +56,8 @@ QString usageText() {
         "  --usage-test      self-check of recents, most used and clearing\n"
         "  --caption-test    self-check of the caption editor and renderer\n"
         "  --render-caption  draw TOP and BOTTOM on the image IN, write OUT.jpg\n"
+        "  --delete-data-test\n"
+        "                    ask the API to delete the import tags kept for this device\n"
         "  --version         print the version\n"
         "  --help            print this help\n");
 }

@@ -12,6 +12,7 @@ struct CommandLine {
     bool benchPrefetch = false;
     bool usageTest = false;
     bool captionTest = false;
+    bool deleteDataTest = false;
     // --render-caption IN TOP BOTTOM OUT
     QStringList renderCaption;
     bool help = false;
@@ -24,7 +25,8 @@ struct CommandLine {
     static CommandLine parse(const QStringList& arguments);
     // True when the mode prints and exits, so no display is needed.
     bool isOneShot() const {
-        return printConfig || hasQuery || bench || benchPrefetch || usageTest || needsFonts();
+        return printConfig || hasQuery || bench || benchPrefetch || usageTest || deleteDataTest ||
+               needsFonts();
     }
     // One-shot modes that draw text, so they need a GUI application (any platform will do).
     bool needsFonts() const { return captionTest || !renderCaption.isEmpty(); }

@@ -4,6 +4,7 @@
 #include "app/benchprefetch.h"
 #include "app/captioncommands.h"
 #include "app/commandline.h"
+#include "app/deletedatatest.h"
 #include "app/querycommand.h"
 #include "app/quitsignals.h"
 #include "app/singleinstance.h"
@@ -27,6 +28,8 @@ int runOneShot(const CommandLine& cl) {
         return runUsageTest(out);
     if (cl.captionTest)
         return runCaptionTest(out);
+    if (cl.deleteDataTest)
+        return runDeleteDataTest(out);
     if (!cl.renderCaption.isEmpty()) {
         QTextStream err(stderr);
         return runRenderCaption(cl.renderCaption[0], cl.renderCaption[1], cl.renderCaption[2],

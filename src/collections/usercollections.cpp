@@ -24,7 +24,6 @@
 #include <cmath>
 #include <condition_variable>
 #include <nlohmann/json.hpp>
-#include <thread>
 
 using nlohmann::ordered_json;
 
@@ -165,7 +164,7 @@ struct Exchange {
 };
 
 Exchange exchange(const QByteArray& verb, QNetworkRequest request, const QByteArray& body,
-                  int timeoutMs) {
+                  int timeoutMs, const std::function<void(QNetworkReply*, bool)>& watch = {}) {
     QNetworkAccessManager network;
     network.setAutoDeleteReplies(false);
     request.setTransferTimeout(timeoutMs);
@@ -175,8 +174,12 @@ Exchange exchange(const QByteArray& verb, QNetworkRequest request, const QByteAr
     std::unique_ptr<QNetworkReply> reply(network.sendCustomRequest(request, verb, body));
     QEventLoop loop;
     QObject::connect(reply.get(), &QNetworkReply::finished, &loop, &QEventLoop::quit);
+    if (watch)
+        watch(reply.get(), true);
     if (!reply->isFinished())
         loop.exec();
+    if (watch)
+        watch(reply.get(), false);
     Exchange out;
     const QVariant status = reply->attribute(QNetworkRequest::HttpStatusCodeAttribute);
     if (status.isValid()) {
@@ -254,6 +257,17 @@ UserCollections::UserCollections(QString root)
 
 UserCollections::~UserCollections() {
     m_tagPool.waitForDone();
+}
+
+void UserCollections::stop() {
+    {
+        const std::lock_guard guard(m_stopLock);
+        m_stopping = true;
+        // Each reply belongs to the thread waiting for it; a deleted one drops the call.
+        for (QNetworkReply* reply : m_replies)
+            QMetaObject::invokeMethod(reply, &QNetworkReply::abort, Qt::QueuedConnection);
+    }
+    m_stopWake.notify_all();
 }
 
 QString UserCollections::defaultRoot() {
@@ -486,7 +500,7 @@ UserCollections::Result UserCollections::importCollection(const Plan& plan, cons
     }
 
     const qsizetype total = plan.files.size();
-    for (qsizetype n = 0; n < total; ++n) {
+    for (qsizetype n = 0; n < total && !m_stopping; ++n) {
         progress(QStringLiteral("Importing %1: resizing %2/%3").arg(name).arg(n + 1).arg(total));
         const QString& source = plan.files[n];
         const std::optional<Resized> resized = resize(source);
@@ -564,7 +578,7 @@ UserCollections::TagRun UserCollections::tagPending(const QString& id, const Pro
         {
             std::unique_lock guard(m_lock);
             run.slotFree.wait(guard, [&] { return run.inFlight < maxTagsInFlight; });
-            if (run.stop)
+            if (run.stop || m_stopping)
                 break;
             ++run.inFlight;
         }
@@ -624,12 +638,33 @@ UserCollections::TagRun UserCollections::retryAll(const Progress& progress) {
 UserCollections::TagResult UserCollections::requestTags(const QByteArray& data,
                                                         const QString& collection,
                                                         const QString& file) {
+    return requestTagsWatched(data, collection, file, {});
+}
+
+UserCollections::TagResult UserCollections::requestTagsAbortable(const QByteArray& data,
+                                                                 const QString& collection,
+                                                                 const QString& file) const {
+    return requestTagsWatched(data, collection, file, [this](QNetworkReply* reply, bool sent) {
+        const std::lock_guard guard(m_stopLock);
+        if (!sent)
+            m_replies.erase(reply);
+        else if (m_stopping)
+            reply->abort();
+        else
+            m_replies.insert(reply);
+    });
+}
+
+UserCollections::TagResult
+UserCollections::requestTagsWatched(const QByteArray& data, const QString& collection,
+                                    const QString& file,
+                                    const std::function<void(QNetworkReply*, bool)>& watch) {
     QNetworkRequest request = serverRequest(QStringLiteral("v1/import/tag"));
     request.setHeader(QNetworkRequest::ContentTypeHeader,
                       QByteArrayLiteral("application/octet-stream"));
     request.setRawHeader("X-Collection", headerEncoded(collection));
     request.setRawHeader("X-File", headerEncoded(file));
-    const Exchange answer = exchange("POST", request, data, tagTimeoutMs);
+    const Exchange answer = exchange("POST", request, data, tagTimeoutMs, watch);
     if (answer.transportError)
         return TagError::other(couldNotReach(answer.errorText));
     if (answer.status == 200) {
@@ -651,13 +686,15 @@ UserCollections::TagResult UserCollections::requestTagsRetrying(const QByteArray
                                                                 const QString& collection,
                                                                 const QString& file) const {
     for (int attempt = 1;; ++attempt) {
-        TagResult result = requestTags(data, collection, file);
+        TagResult result = requestTagsAbortable(data, collection, file);
         const TagError* error = std::get_if<TagError>(&result);
         if (!error || error->kind != TagError::Kind::rateLimited)
             return result;
         // The wait follows the last attempt too, so the next image also starts later.
-        std::this_thread::sleep_for(std::chrono::duration<double>(m_retryDelaySeconds * attempt));
-        if (attempt == maxAttempts)
+        std::unique_lock guard(m_stopLock);
+        if (m_stopWake.wait_for(guard, std::chrono::duration<double>(m_retryDelaySeconds * attempt),
+                                [this] { return m_stopping.load(); }) ||
+            attempt == maxAttempts)
             return result;
     }
 }

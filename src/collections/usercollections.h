@@ -9,10 +9,15 @@
 #include <QStringList>
 #include <QThreadPool>
 #include <QUrl>
+#include <atomic>
+#include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <variant>
+
+class QNetworkReply;
 
 // The user's imported collections: plans an import from chosen files or folders, resizes each
 // image into a full-size copy and a thumbnail that stay on this computer, keeps one folder per
@@ -169,6 +174,11 @@ public:
     // requestTags(), waiting and trying again while the server asks us to slow down.
     TagResult requestTagsRetrying(const QByteArray& data, const QString& collection,
                                   const QString& file) const;
+    // Ends running imports and tagging runs soon, for quitting: after the image at hand, with
+    // what was done saved; tag requests under way are abandoned. Later runs end at once. Any
+    // thread.
+    void stop();
+
     // Asks the server to forget every tag it keeps for this device; blocks.
     static DeleteOutcome deleteCloudData();
 
@@ -181,6 +191,14 @@ public:
 
 private:
     QString folder(const QString& id) const;
+    // requestTags() that stop() can abort.
+    TagResult requestTagsAbortable(const QByteArray& data, const QString& collection,
+                                   const QString& file) const;
+    // requestTags(), telling `watch` of the reply when it is sent (true) and before it is
+    // deleted (false).
+    static TagResult requestTagsWatched(const QByteArray& data, const QString& collection,
+                                        const QString& file,
+                                        const std::function<void(QNetworkReply*, bool)>& watch);
     bool save(const Stored& stored) const;
 
     QString m_root;
@@ -188,4 +206,10 @@ private:
     // Manifests and the counters of tagging runs.
     mutable std::mutex m_lock;
     QThreadPool m_tagPool;
+    std::atomic<bool> m_stopping = false;
+    // Wakes the wait between attempts of a slowed-down request when stop() is called, and
+    // guards the requests under way.
+    mutable std::mutex m_stopLock;
+    mutable std::condition_variable m_stopWake;
+    mutable std::set<QNetworkReply*> m_replies;
 };

@@ -55,10 +55,7 @@ TagService::TagService(TagStore& store, const Tagger& tagger, TagLimits limits, 
     // them, which QCoreApplication replaced with the user's. Set here, before any worker
     // thread exists, because setlocale() is not thread-safe.
     std::setlocale(LC_NUMERIC, "C");
-    // A second line of defence behind the declared-size check: Qt refuses to allocate more
-    // than this for any one decoded picture. It is process-wide; the catalog's pictures are
-    // far below it.
-    QImageReader::setAllocationLimit(int(m_limits.maxPixels * 4 / (1024 * 1024) + 1));
+    limitDecoding(m_limits);
     for (int i = 0; i < std::max(1, m_limits.workers); ++i)
         m_workers.emplace_back([this] { work(); });
 }
@@ -99,27 +96,8 @@ void TagService::tag(HttpRequest request, CatalogServer::Respond respond) {
     if (request.body.empty())
         return respond(refusal(request, 400, "empty_body", "no picture in the request body"));
 
-    // Only the header is read here: format and declared size, never the pixels.
-    QByteArray bytes = QByteArray::fromRawData(request.body.data(), qsizetype(request.body.size()));
-    QBuffer buffer(&bytes);
-    buffer.open(QIODevice::ReadOnly);
-    QImageReader reader(&buffer);
-    const QByteArray format = reader.format();
-    if (format != "jpeg" && format != "png")
-        return respond(refusal(request, 400, "not_an_image", "the body is not a JPEG or PNG"));
-    const QSize size = reader.size();
-    if (!size.isValid() || size.isEmpty())
-        return respond(refusal(request, 400, "bad_image", "the picture's size cannot be read"));
-    if (size.width() > m_limits.maxSide || size.height() > m_limits.maxSide ||
-        std::int64_t(size.width()) * size.height() > m_limits.maxPixels)
-        return respond(refusal(request, 413, "too_many_pixels",
-                               QStringLiteral("a %1×%2 picture; at most %3 pixels a side and %4 "
-                                              "in all")
-                                   .arg(size.width())
-                                   .arg(size.height())
-                                   .arg(m_limits.maxSide)
-                                   .arg(m_limits.maxPixels)
-                                   .toStdString()));
+    if (const std::optional<Refusal> refused = checkPicture(request.body, m_limits))
+        return respond(refusal(request, refused->status, refused->code, refused->error));
 
     if (m_store.count(device) >= m_limits.perDeviceCap)
         return respond(refusal(request, 429, "device_cap",
@@ -161,17 +139,10 @@ void TagService::work() {
 
 void TagService::runTag(const HttpRequest& request, const CatalogServer::Respond& respond,
                         OcrEngine& ocr) {
-    QByteArray bytes = QByteArray::fromRawData(request.body.data(), qsizetype(request.body.size()));
-    QBuffer buffer(&bytes);
-    buffer.open(QIODevice::ReadOnly);
-    QImageReader reader(&buffer);
-    reader.setAutoTransform(true);
-    const QImage image = reader.read();
-    if (image.isNull())
-        return respond(
-            refusal(request, 400, "bad_image",
-                    "the picture cannot be decoded: " + reader.errorString().toStdString()));
-    const Tags tags = m_tagger.tag(image, ocr);
+    std::variant<QImage, Refusal> decoded = decodePicture(request.body);
+    if (const Refusal* refused = std::get_if<Refusal>(&decoded))
+        return respond(refusal(request, refused->status, refused->code, refused->error));
+    const Tags tags = m_tagger.tag(std::get<QImage>(decoded), ocr);
     const ordered_json answer = tags.toJson();
 
     TagStore::Record record;
@@ -191,6 +162,48 @@ void TagService::runTag(const HttpRequest& request, const CatalogServer::Respond
         return respond(refusal(request, 500, "store_failed", "the tags could not be kept"));
     }
     respond(jsonResponse(200, answer));
+}
+
+std::optional<TagService::Refusal> TagService::checkPicture(const std::string& body,
+                                                            const TagLimits& limits) {
+    QByteArray bytes = QByteArray::fromRawData(body.data(), qsizetype(body.size()));
+    QBuffer buffer(&bytes);
+    buffer.open(QIODevice::ReadOnly);
+    QImageReader reader(&buffer);
+    const QByteArray format = reader.format();
+    if (format != "jpeg" && format != "png")
+        return Refusal{400, "not_an_image", "the body is not a JPEG or PNG"};
+    const QSize size = reader.size();
+    if (!size.isValid() || size.isEmpty())
+        return Refusal{400, "bad_image", "the picture's size cannot be read"};
+    if (size.width() > limits.maxSide || size.height() > limits.maxSide ||
+        std::int64_t(size.width()) * size.height() > limits.maxPixels)
+        return Refusal{413, "too_many_pixels",
+                       QStringLiteral("a %1×%2 picture; at most %3 pixels a side and %4 in all")
+                           .arg(size.width())
+                           .arg(size.height())
+                           .arg(limits.maxSide)
+                           .arg(limits.maxPixels)
+                           .toStdString()};
+    return std::nullopt;
+}
+
+std::variant<QImage, TagService::Refusal> TagService::decodePicture(const std::string& body) {
+    QByteArray bytes = QByteArray::fromRawData(body.data(), qsizetype(body.size()));
+    QBuffer buffer(&bytes);
+    buffer.open(QIODevice::ReadOnly);
+    QImageReader reader(&buffer);
+    reader.setAutoTransform(true);
+    QImage image = reader.read();
+    if (image.isNull())
+        return Refusal{400, "bad_image",
+                       "the picture cannot be decoded: " + reader.errorString().toStdString()};
+    return image;
+}
+
+void TagService::limitDecoding(const TagLimits& limits) {
+    // In MiB of 32-bit pixels; the catalog's pictures are far below it.
+    QImageReader::setAllocationLimit(int(limits.maxPixels * 4 / (1024 * 1024) + 1));
 }
 
 HttpResponse TagService::deleteData(const HttpRequest& request) {

@@ -4,6 +4,7 @@
 #include "server/catalogserver.h"
 #include "server/searchapi.h"
 
+#include <QImage>
 #include <QString>
 #include <condition_variable>
 #include <cstddef>
@@ -11,8 +12,10 @@
 #include <deque>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
+#include <variant>
 #include <vector>
 
 class OcrEngine;
@@ -57,6 +60,21 @@ public:
 
     void tag(HttpRequest request, CatalogServer::Respond respond);
     HttpResponse deleteData(const HttpRequest& request);
+
+    // Why an upload is refused.
+    struct Refusal {
+        int status = 400;
+        std::string code;
+        std::string error;
+    };
+    // The checks on the event thread: a JPEG or PNG whose declared size is within `limits`.
+    // Reads only the header, never the pixels.
+    static std::optional<Refusal> checkPicture(const std::string& body, const TagLimits& limits);
+    // Decodes a picture that passed checkPicture(), turned upright; a refusal when it cannot.
+    static std::variant<QImage, Refusal> decodePicture(const std::string& body);
+    // Qt's process-wide cap on one decoded picture, a second line of defence behind the
+    // declared-size check.
+    static void limitDecoding(const TagLimits& limits);
 
 private:
     using Job = std::function<void(OcrEngine&)>;

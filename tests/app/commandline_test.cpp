@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
+#include <QDeadlineTimer>
 #include <QHash>
 #include <QImage>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
 
@@ -32,6 +34,35 @@ OrvaneRun orvane(const QStringList& args, const QHash<QString, QString>& memeVar
     return {p.exitCode(), QString::fromUtf8(p.readAllStandardOutput()),
             QString::fromUtf8(p.readAllStandardError())};
 }
+
+// orvane-server on an empty folder and a free port; its start-up line names the address.
+class Server {
+public:
+    Server() {
+        m_process.start(QStringLiteral(ORVANE_SERVER_BINARY),
+                        {QStringLiteral("--root"), m_root.path(), QStringLiteral("--port"),
+                         QStringLiteral("0")});
+        const QRegularExpression address(QStringLiteral("http://127\\.0\\.0\\.1:\\d+/"));
+        QByteArray out;
+        const QDeadlineTimer deadline(15000);
+        while (m_url.isEmpty() && !deadline.hasExpired() &&
+               m_process.state() != QProcess::NotRunning) {
+            m_process.waitForReadyRead(100);
+            out += m_process.readAllStandardOutput();
+            m_url = address.match(QString::fromUtf8(out)).captured();
+        }
+    }
+    ~Server() {
+        m_process.terminate();
+        m_process.waitForFinished(5000);
+    }
+    const QString& url() const { return m_url; }
+
+private:
+    QTemporaryDir m_root;
+    QProcess m_process;
+    QString m_url;
+};
 
 } // namespace
 
@@ -107,4 +138,20 @@ TEST(CommandLine, CaptionSwitchesWorkWithoutADisplay) {
                {});
     EXPECT_EQ(r.exitCode, 1);
     EXPECT_TRUE(r.err.contains(QLatin1String("orvane: cannot read "))) << r.err.toStdString();
+}
+
+TEST(CommandLine, DeleteDataTestAsksTheServerAndSaysWhatCameOfIt) {
+    const Server server;
+    ASSERT_FALSE(server.url().isEmpty());
+    OrvaneRun r = orvane({QStringLiteral("--delete-data-test")},
+                         {{QStringLiteral("MEME_API"), server.url()}});
+    EXPECT_EQ(r.exitCode, 0) << r.err.toStdString();
+    EXPECT_EQ(r.out, QStringLiteral("delete-data-test: deleted\n"));
+
+    r = orvane({QStringLiteral("--delete-data-test")},
+               {{QStringLiteral("MEME_API"), QStringLiteral("http://127.0.0.1:9/")}});
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_TRUE(
+        r.out.startsWith(QLatin1String("delete-data-test: failed: could not reach the server (")))
+        << r.out.toStdString();
 }

@@ -5,11 +5,17 @@
 #include "telemetry/deviceid.h"
 
 #include <QDir>
+#include <QFile>
 #include <QImage>
+#include <QScopeGuard>
 #include <QUrl>
-#include <atomic>
+#include <condition_variable>
+#include <csignal>
+#include <deque>
 #include <gtest/gtest.h>
 #include <mutex>
+#include <thread>
+#include <utility>
 
 namespace {
 
@@ -18,18 +24,28 @@ const std::string tagsJSON =
     R"("emotions":["annoyed"],"actions":["glaring"],"use_cases":["declining"],)"
     R"("keywords":["refusal"],"language":"en","nsfw":false,"hateful":false})";
 
+constexpr auto patience = std::chrono::seconds(30);
+
 // The tagging endpoints on 127.0.0.1, answering with what the test sets; records requests.
+// Tag requests can be held and answered one by one.
 class TagServer {
 public:
     using Answer = std::function<HttpResponse(int /*request number, from 1*/)>;
 
     TagServer() : m_server(TestEnv::freshDir().toStdString()) {
-        m_server.addRoute(
+        m_server.addAsyncRoute(
             "POST", "/v1/import/tag",
-            [this](const HttpRequest& request) {
-                const std::lock_guard guard(m_mutex);
-                m_requests.push_back(request);
-                return m_answer(int(m_requests.size()));
+            [this](HttpRequest request, CatalogServer::Respond respond) {
+                std::unique_lock guard(m_mutex);
+                m_requests.push_back(std::move(request));
+                m_changed.notify_all();
+                if (m_holding) {
+                    m_held.push_back(std::move(respond));
+                    return;
+                }
+                HttpResponse response = m_answer(int(m_requests.size()));
+                guard.unlock();
+                respond(std::move(response));
             },
             16 * 1024 * 1024);
         m_server.addRoute("DELETE", "/v1/import/data", [this](const HttpRequest& request) {
@@ -54,17 +70,50 @@ public:
         const std::lock_guard guard(m_mutex);
         return m_requests;
     }
+    // From now on tag requests wait for release() or answerHeld().
+    void hold() {
+        const std::lock_guard guard(m_mutex);
+        m_holding = true;
+    }
+    // Answers the oldest waiting tag request; false when none came.
+    bool release(HttpResponse response) {
+        std::unique_lock guard(m_mutex);
+        if (!m_changed.wait_for(guard, patience, [this] { return !m_held.empty(); }))
+            return false;
+        const CatalogServer::Respond respond = std::move(m_held.front());
+        m_held.pop_front();
+        guard.unlock();
+        respond(std::move(response));
+        return true;
+    }
+    // Ends holding: the waiting and all later requests get the usual answer.
+    void answerHeld() {
+        std::unique_lock guard(m_mutex);
+        m_holding = false;
+        std::deque<CatalogServer::Respond> held = std::exchange(m_held, {});
+        const Answer answer = m_answer;
+        guard.unlock();
+        for (const CatalogServer::Respond& respond : held)
+            respond(answer(0));
+    }
+    bool waitForRequests(std::size_t count) {
+        std::unique_lock guard(m_mutex);
+        return m_changed.wait_for(guard, patience, [&] { return m_requests.size() >= count; });
+    }
 
 private:
     CatalogServer m_server;
     std::mutex m_mutex;
+    std::condition_variable m_changed;
+    bool m_holding = false;
+    std::deque<CatalogServer::Respond> m_held;
     Answer m_answer;
     std::vector<HttpRequest> m_requests;
 };
 
 // A folder of `count` small photos and one transparent PNG sticker.
-QString photos(int count, bool sticker = false) {
-    const QString dir = TestEnv::freshDir() + QStringLiteral("/Cats");
+QString photos(int count, bool sticker = false,
+               QString dir = TestEnv::freshDir() + QStringLiteral("/Cats")) {
     QDir().mkpath(dir);
     for (int i = 0; i < count; ++i) {
         QImage image(64, 48, QImage::Format_RGB32);
@@ -176,7 +225,7 @@ TEST(Tagging, RetriesOnlyWhenAskedToSlowDownAtMostFiveTimes) {
     EXPECT_EQ(server.requests().size(), 3u + 5u + 1u);
 }
 
-TEST(Tagging, StopsAtTheDeviceCapOrAfterThreeFailuresInARowAndResumesLater) {
+TEST(Tagging, StopsAtTheCapAfterThreeFailuresInARowOrOnQuitAndResumesLater) {
     TagServer server;
     UserCollections collections(TestEnv::freshDir());
     server.answerAlways(429, R"({"code":"device_cap"})");
@@ -197,10 +246,61 @@ TEST(Tagging, StopsAtTheDeviceCapOrAfterThreeFailuresInARowAndResumesLater) {
     EXPECT_LE(sent, std::size_t(UserCollections::failuresInARowToStop +
                                 UserCollections::maxTagsInFlight - 1));
 
-    // "Retry tagging" later finishes the job, saving along the way.
+    // A success starts the count of failures again: F,F,S,F,F,S goes on. Each answer waits
+    // until the one before is counted, so they are counted in this order.
+    UserCollections quitting(collections.root());
+    std::mutex mutex;
+    std::condition_variable counted;
+    int done = 0;
+    bool ended = false;
+    const auto waitForDone = [&](int count) {
+        std::unique_lock guard(mutex);
+        return counted.wait_for(guard, patience, [&] { return done >= count; });
+    };
+    server.hold();
+    const std::size_t start = server.requests().size();
+    UserCollections::TagRun stopped;
+    std::thread tagging([&] {
+        stopped = quitting.tagPending(id, [&](const QString&) {
+            const std::lock_guard guard(mutex);
+            ++done;
+            counted.notify_all();
+        });
+        const std::lock_guard guard(mutex);
+        ended = true;
+        counted.notify_all();
+    });
+    const auto finish = [&] {
+        server.answerHeld();
+        if (tagging.joinable())
+            tagging.join();
+    };
+    const auto finishOnFailure = qScopeGuard(finish);
+    const std::string answers = "FFSFFS";
+    for (std::size_t n = 0; n < answers.size(); ++n) {
+        ASSERT_TRUE(server.release(answers[n] == 'S'
+                                       ? HttpResponse{200, "application/json", tagsJSON, {}}
+                                       : HttpResponse{500, "text/plain", "", {}}));
+        ASSERT_TRUE(waitForDone(int(n + 1)));
+    }
+    const std::size_t sentBeforeQuit = answers.size() + UserCollections::maxTagsInFlight;
+    ASSERT_TRUE(server.waitForRequests(start + sentBeforeQuit));
+    // Quitting abandons the requests under way (the server never answers them), starts no
+    // more and keeps the tags received.
+    quitting.stop();
+    {
+        std::unique_lock guard(mutex);
+        EXPECT_TRUE(counted.wait_for(guard, patience, [&] { return ended; }));
+    }
     server.answerAlways(200, tagsJSON);
+    finish();
+    EXPECT_EQ(stopped.tagged, 2);
+    EXPECT_EQ(server.requests().size(), start + sentBeforeQuit);
+    EXPECT_EQ(collections.list().first().untagged, 30 - stopped.tagged);
+
+    // "Retry tagging" later finishes the job, saving along the way.
     const auto retried = collections.retryAll([](const QString&) {});
-    EXPECT_EQ(retried.tagged, 30);
+    EXPECT_EQ(retried.tagged, 30 - stopped.tagged);
     EXPECT_FALSE(retried.firstError);
     EXPECT_EQ(collections.list().first().untagged, 0);
 }
@@ -230,4 +330,40 @@ TEST(Tagging, ReportsEachOutcomeOfDeletingTheServersData) {
     const auto unreachable = UserCollections::deleteCloudData();
     EXPECT_EQ(unreachable.kind, Kind::failed);
     EXPECT_TRUE(unreachable.text.startsWith("could not reach the server ("));
+}
+
+TEST(TaggingDeathTest, AKillWhileTaggingLosesOnlyTheTagsSinceTheLastCheckpoint) {
+    // The child process re-runs this body: it must find the parent's folders.
+    const char* rootVariable = "ORVANE_KILLED_TAGGING_ROOT";
+    const QString root = qEnvironmentVariableIsSet(rootVariable)
+                             ? qEnvironmentVariable(rootVariable)
+                             : TestEnv::freshDir();
+    qputenv(rootVariable, root.toUtf8());
+    const QString src = root + QStringLiteral("/Cats");
+    if (!QFile::exists(src))
+        photos(40, false, src);
+    EXPECT_EXIT(
+        {
+            TagServer server;
+            server.answerAlways(200, tagsJSON);
+            UserCollections collections(root + QStringLiteral("/collections"));
+            collections.importCollection(UserCollections::planFolder(src).first(),
+                                         QStringLiteral("Cats"), [](const QString& p) {
+                                             if (p.startsWith(QLatin1String("Tagging")) &&
+                                                 p.contains(QLatin1String(": 30/40")))
+                                                 ::raise(SIGKILL);
+                                         });
+        },
+        testing::KilledBySignal(SIGKILL), "");
+    qunsetenv(rootVariable);
+    UserCollections collections(root + QStringLiteral("/collections"));
+    const auto rows = collections.list();
+    ASSERT_EQ(rows.size(), 1);
+    EXPECT_EQ(rows.first().count, 40);
+    EXPECT_EQ(rows.first().untagged, 40 - UserCollections::checkpointEvery);
+    EXPECT_EQ(collections.load().stickers.size(), 40);
+    TagServer server;
+    server.answerAlways(200, tagsJSON);
+    EXPECT_EQ(collections.retryAll([](const QString&) {}).tagged,
+              40 - UserCollections::checkpointEvery);
 }

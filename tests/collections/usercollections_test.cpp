@@ -254,7 +254,7 @@ TEST(UserCollections, LeavesOutUnreadableManifestsAndKeepsTheOthers) {
     EXPECT_EQ(rows[0].untagged, 1);
 }
 
-TEST(UserCollections, AFolderVanishingMidImportKeepsWhatWasImported) {
+TEST(UserCollections, AnImportCutShortKeepsWhatWasImported) {
     const QString src = TestEnv::freshDir() + QStringLiteral("/Going");
     for (int i = 0; i < 4; ++i)
         writeImage(src + QStringLiteral("/%1.jpg").arg(i), QSize(64, 64));
@@ -284,6 +284,19 @@ TEST(UserCollections, AFolderVanishingMidImportKeepsWhatWasImported) {
     ASSERT_TRUE(stopped.stopped);
     EXPECT_TRUE(stopped.stopped->startsWith("could not save the images ("));
     EXPECT_EQ(collections.list().size(), 1) << "the first collection is untouched";
+
+    // Quitting ends the import after the image at hand and keeps that one.
+    const auto quit = collections.importCollection(
+        UserCollections::planFolder(src).first(), QStringLiteral("Quit"), [&](const QString& p) {
+            if (p.endsWith(QLatin1String("resizing 1/2")))
+                collections.stop();
+        });
+    EXPECT_EQ(quit.added, 1);
+    EXPECT_FALSE(quit.stopped);
+    const auto rows = collections.list();
+    ASSERT_EQ(rows.size(), 2);
+    EXPECT_EQ(rows.last().name, QStringLiteral("Quit"));
+    EXPECT_EQ(rows.last().count, 1);
 }
 
 TEST(UserCollectionsDeathTest, AnImportKilledHalfWayLeavesACollectionThatLoads) {
