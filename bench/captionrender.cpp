@@ -15,6 +15,7 @@
 #include "catalog/imageconversion.h"
 #include "insert/captionfile.h"
 #include "insert/captionrenderer.h"
+#include "percentile.h"
 
 #include <QBuffer>
 #include <QDir>
@@ -120,12 +121,6 @@ Sample timed(const std::function<void()>& work) {
 }
 
 // Nearest rank.
-double percentile(std::vector<double> ms, double q) {
-    std::sort(ms.begin(), ms.end());
-    const auto rank = std::size_t(std::ceil(q * double(ms.size())));
-    return ms[std::clamp<std::size_t>(rank, 1, ms.size()) - 1];
-}
-
 void print(const char* name, const std::vector<Sample>& samples) {
     std::vector<double> wall;
     std::vector<double> cpu;

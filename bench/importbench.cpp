@@ -4,6 +4,7 @@
 // with imported items beside the catalog.
 #include "catalog/debugflags.h"
 #include "collections/usercollections.h"
+#include "percentile.h"
 #include "search/importeditems.h"
 #include "search/localindex.h"
 #include "search/pickermodel.h"
@@ -66,11 +67,6 @@ void importOnce(const QString& label, const QString& photos, const QString& root
           << " skipped, " << result.tagged << " tagged in " << QString::number(seconds, 'f', 2)
           << " s = " << QString::number(result.added / seconds, 'f', 1) << " images/s\n";
     out().flush();
-}
-
-double percentile(std::vector<double> values, double p) {
-    std::sort(values.begin(), values.end());
-    return values[std::min(values.size() - 1, std::size_t(p * double(values.size())))];
 }
 
 // The user's imports as the app loads them: realistic tag words, ten collections.

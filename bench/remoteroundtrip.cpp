@@ -6,6 +6,7 @@
 //   orvane-remote-roundtrip --search-url URL --search-key KEY       a search-engine service
 // The in-process server answers both dialects with 20 catalog records from memory.
 #include "catalog/debugflags.h"
+#include "percentile.h"
 #include "search/localindex.h"
 #include "search/pickermodel.h"
 #include "search/pickertexts.h"
@@ -29,12 +30,6 @@ namespace {
 
 // The tail only a merged status has (the local one also offers captions).
 const QString mergedTail = PickerTexts::remoteStatus(0, 0).section(QStringLiteral(" results"), 1);
-
-double percentile(std::vector<double> values, double p) {
-    std::sort(values.begin(), values.end());
-    const auto at = std::min(values.size() - 1, std::size_t(p * double(values.size() - 1) + 0.5));
-    return values[at];
-}
 
 void report(const char* what, const std::vector<double>& ms) {
     std::printf("%-34s median %7.2f ms   p95 %7.2f ms   min %7.2f ms   max %7.2f ms\n", what,

@@ -6,6 +6,8 @@
 //   orvane-server-load ranges    --port P --path /big.bin --size BYTES [--parts 300]
 //                                [--clients 4]
 //   orvane-server-load keepalive --port P --path /f/1.png [--clients 200] [--seconds 10]
+#include "percentile.h"
+
 #include <algorithm>
 #include <arpa/inet.h>
 #include <atomic>
@@ -119,14 +121,6 @@ std::string get(const std::string& path, const std::string& extra = {}) {
 
 double ms(Clock::duration d) {
     return std::chrono::duration<double, std::milli>(d).count();
-}
-
-double percentile(std::vector<double> values, double p) {
-    if (values.empty())
-        return 0;
-    std::sort(values.begin(), values.end());
-    const auto index = static_cast<size_t>(p * static_cast<double>(values.size() - 1) + 0.5);
-    return values[std::min(index, values.size() - 1)];
 }
 
 struct Options {

@@ -12,6 +12,7 @@
 // DIR is a catalog folder (index.json and its pictures, e.g. build/demo-catalog); without it
 // a made-up catalog of 400 pictures of blocks and discs is used.
 #include "catalog/catalogjson.h"
+#include "percentile.h"
 #include "server/catalogserver.h"
 #include "server/tagger.h"
 #include "server/tagservice.h"
@@ -133,11 +134,6 @@ QImage captionPicture(quint32 seed, QStringList* words) {
         painter.fillPath(path, Qt::white);
     }
     return image;
-}
-
-double percentile(std::vector<double> values, double p) {
-    std::sort(values.begin(), values.end());
-    return values[std::min(values.size() - 1, std::size_t(p * (values.size() - 1) + 0.5))];
 }
 
 } // namespace
