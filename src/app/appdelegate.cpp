@@ -14,7 +14,7 @@
 #include "catalog/imageconversion.h"
 #include "catalog/memestore.h"
 #include "catalog/thumbnailcache.h"
-#include "collections/servercollections.h"
+#include "collections/collectionindex.h"
 #include "insert/paster.h"
 #include "platform/globalhotkey.h"
 #include "platform/platformbackend.h"
@@ -235,23 +235,54 @@ void AppDelegate::reloadCollections() {
     m_loader->reloadCollections();
 }
 
+namespace {
+struct CollectionsBuilt {
+    MemeList importedItems;
+    std::shared_ptr<ImportedItems> imported;
+    std::shared_ptr<CollectionIndex> index;
+    qsizetype collections = 0;
+};
+} // namespace
+
 void AppDelegate::applyCollections() {
-    const UserCollections::Loaded imported = m_userCollections->load();
-    m_picker->setImported(
-        imported.stickers.isEmpty() ? nullptr : std::make_shared<ImportedItems>(imported.stickers));
-    // Until something is known the tab keeps saying the collections are loading; once it
-    // showed some, a deleted last import must disappear from it.
-    if (m_loader->adminCollections().isEmpty() && imported.collections.isEmpty() && !m_collections)
-        return;
-    // The user's own collections first.
-    m_collections =
-        std::make_shared<ServerCollections>(imported.collections + m_loader->adminCollections(),
-                                            imported.stickers + m_loader->adminStickers());
-    m_picker->setCollections(m_collections);
-    Metrics::log(
-        QStringLiteral("collections_loaded"),
-        {{"collections", m_loader->adminCollections().size() + imported.collections.size()},
-         {"mine", 0}});
+    // Reading the manifests and indexing tens of thousands of stickers takes seconds at the
+    // high end, so both run off the GUI thread; only the newest build is applied.
+    const quint64 build = ++m_collectionBuilds;
+    runInBackground(
+        this,
+        [userCollections = m_userCollections, admin = m_loader->adminCollections(),
+         adminStickers = m_loader->adminStickers()] {
+            const UserCollections::Loaded imported = userCollections->load();
+            CollectionsBuilt out;
+            out.importedItems = imported.stickers;
+            if (!imported.stickers.isEmpty())
+                out.imported = std::make_shared<ImportedItems>(imported.stickers);
+            // The user's own collections first, the newest on top.
+            CollectionList all(imported.collections.crbegin(), imported.collections.crend());
+            all += admin;
+            out.collections = all.size();
+            if (!all.isEmpty())
+                out.index = std::make_shared<CollectionIndex>(std::move(all),
+                                                              imported.stickers + adminStickers);
+            return out;
+        },
+        [this, build](const CollectionsBuilt& out) {
+            if (build != m_collectionBuilds)
+                return;
+            m_store->setLocalItems(QStringLiteral("imports"), out.importedItems);
+            m_picker->setImported(out.imported);
+            // Until something is known the tab keeps saying the collections are loading; once
+            // it showed some, a deleted last import must disappear from it.
+            if (!out.index && !m_collections)
+                return;
+            m_collections = out.index
+                                ? out.index
+                                : std::make_shared<CollectionIndex>(CollectionList(), MemeList());
+            m_picker->setCollections(m_collections);
+            Metrics::log(QStringLiteral("collections_loaded"),
+                         {{"collections", out.collections}, {"mine", 0}});
+            emit collectionsApplied();
+        });
 }
 
 void AppDelegate::importCollection() {

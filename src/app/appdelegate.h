@@ -23,7 +23,7 @@ class QSystemTrayIcon;
 class QWidget;
 class ThumbnailCache;
 class UserData;
-class ServerCollections;
+class CollectionIndex;
 
 // The resident application: owns the catalog, the image cache, user data, the picker model
 // and panel, the tray icon and the global hotkey for the life of the process, and wires
@@ -75,6 +75,10 @@ public:
     // The shortcut the desktop holds for us now, if any.
     std::optional<HotKeyCombo> registeredHotKey() const;
 
+signals:
+    // applyCollections() handed a new collection index to the picker.
+    void collectionsApplied();
+
 private:
     void onSettingsChanged();
     void runImport(const QList<UserCollections::Plan>& plans, const QString& name);
@@ -98,7 +102,8 @@ private:
     std::unique_ptr<Learning> m_learning;
     std::unique_ptr<CatalogFetcher> m_fetcher;
     std::unique_ptr<CatalogLoader> m_loader;
-    std::shared_ptr<ServerCollections> m_collections;
+    std::shared_ptr<CollectionIndex> m_collections;
+    quint64 m_collectionBuilds = 0;
     // Shared with imports and tagging runs that may outlive a menu action.
     std::shared_ptr<UserCollections> m_userCollections;
     std::unique_ptr<ImportWindow> m_importWindow;

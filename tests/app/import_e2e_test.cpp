@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Importing a folder through the import window, then finding its images in the Memes tab by
 // the words the tagging server gave them and by the collection's name.
+#include "catalog/memestore.h"
 #include "menutitles.h"
 #include "support/appondesktop.h"
 #include "ui/importwindow.h"
@@ -98,7 +99,12 @@ TEST_F(ImportOnTheDesktop, AnImportedFolderIsFoundByTheWordsOnItsImagesAndItsNam
         << status->text().toStdString();
     EXPECT_EQ(status->text(), QStringLiteral("Imported 3 images, 3 tagged"));
     EXPECT_EQ(model.tab(), PickerModel::Tab::collections);
-    EXPECT_EQ(model.collectionList().first().name, QStringLiteral("Summer snaps"));
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] {
+            return !model.collectionList().isEmpty() &&
+                   model.collectionList().first().name == QStringLiteral("Summer snaps");
+        },
+        5000));
     const auto done = TestEnv::loggedEvents("import_done");
     ASSERT_EQ(done.size(), 1u);
     EXPECT_EQ(done[0]["added"], 3);
@@ -117,11 +123,13 @@ TEST_F(ImportOnTheDesktop, AnImportedFolderIsFoundByTheWordsOnItsImagesAndItsNam
     ASSERT_TRUE(Desktop::type(QStringLiteral("flamingo")));
     EXPECT_TRUE(QTest::qWaitFor([&] { return imported() == 1; }, 5000));
     EXPECT_EQ(model.results().size(), 1);
+    // Its pictures are this computer's files, shown and pasted from where the import put them.
+    EXPECT_TRUE(app->memeStore().isLocalOrigin(model.results().first()));
     ASSERT_TRUE(Desktop::key("ctrl+a"));
     ASSERT_TRUE(Desktop::type(QStringLiteral("summer")));
     EXPECT_TRUE(QTest::qWaitFor([&] { return imported() == 3; }, 5000)) << imported();
 
-    // Deleting the collection takes its images out of the results at once.
+    // Deleting the collection takes its images out of the results.
     QTimer confirm;
     QObject::connect(&confirm, &QTimer::timeout, [&] {
         if (auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget()))
@@ -132,6 +140,6 @@ TEST_F(ImportOnTheDesktop, AnImportedFolderIsFoundByTheWordsOnItsImagesAndItsNam
     confirm.start(50);
     app->deleteImported(id);
     confirm.stop();
-    EXPECT_EQ(imported(), 0);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return imported() == 0; }, 5000));
     EXPECT_TRUE(app->userCollections().list().isEmpty());
 }

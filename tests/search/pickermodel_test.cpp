@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "catalog/memestore.h"
-#include "search/collectionsource.h"
+#include "collections/collectionindex.h"
 #include "search/pickermodel.h"
 #include "searchtesthelpers.h"
 #include "support/httptestserver.h"
@@ -55,49 +55,22 @@ struct Picker {
     MemeList memes;
 };
 
-// Collections from memory, matched by name; stickers matched by their written text.
-class Collections : public CollectionSource {
-public:
-    CollectionList search(const QString& text) const override {
-        CollectionList out;
-        for (const CollectionInfo& c : list)
-            if (c.name.contains(text, Qt::CaseInsensitive))
-                out.append(c);
-        return out;
-    }
-    MemeList stickers(const CollectionInfo& collection, const QString& text) const override {
-        MemeList out;
-        for (const Meme& m : all)
-            if (m.collection_id == collection.id && m.ocr_text.contains(text))
-                out.append(m);
-        return out;
-    }
-    std::optional<Meme> sticker(const QString& id) const override {
-        for (const Meme& m : all)
-            if (m.id == id)
-                return m;
-        return std::nullopt;
-    }
-
-    CollectionList list;
-    MemeList all;
-};
-
-std::shared_ptr<Collections> frogsAndOwls() {
-    auto c = std::make_shared<Collections>();
+std::shared_ptr<CollectionIndex> frogsAndOwls() {
+    CollectionList collections;
+    MemeList stickers;
     for (const char* name : {"Frogs", "Owls"}) {
         CollectionInfo info;
         info.id = QString::fromLatin1(name).toLower();
         info.name = QString::fromLatin1(name);
         info.count = 3;
-        c->list.append(info);
+        collections.append(info);
         for (int i = 0; i < 3; ++i) {
             Meme s = meme(info.id + QString::number(i), QStringLiteral("sticker %1").arg(i));
             s.collection_id = info.id;
-            c->all.append(s);
+            stickers.append(s);
         }
     }
-    return c;
+    return std::make_shared<CollectionIndex>(collections, stickers);
 }
 
 } // namespace
