@@ -31,6 +31,9 @@ CommandLine CommandLine::parse(const QStringList& arguments) {
         } else if (a == QLatin1String("--query") && i + 1 < arguments.size()) {
             cl.hasQuery = true;
             cl.query = arguments[++i];
+        } else if (a == QLatin1String("--search-collections") && i + 1 < arguments.size()) {
+            cl.hasCollectionQuery = true;
+            cl.collectionQuery = arguments[++i];
         } else {
             cl.unknown.append(a);
         }
@@ -41,7 +44,8 @@ CommandLine CommandLine::parse(const QStringList& arguments) {
 QString usageText() {
     return QStringLiteral(
         "Usage: orvane [--show]\n"
-        "       orvane --print-config | --query TEXT | --bench | --bench-prefetch | --usage-test\n"
+        "       orvane --print-config | --query TEXT | --search-collections TEXT\n"
+        "       orvane --bench | --bench-prefetch | --usage-test\n"
         "       orvane --caption-test | --render-caption IN TOP BOTTOM OUT.jpg\n"
         "       orvane --delete-data-test\n"
         "\n"
@@ -51,6 +55,8 @@ QString usageText() {
         "  --show            open the picker at launch\n"
         "  --print-config    print where Orvane looks for its servers\n"
         "  --query TEXT      print the ranked results for TEXT\n"
+        "  --search-collections TEXT\n"
+        "                    print the collections the Collections tab shows for TEXT\n"
         "  --bench           time per-keystroke searches of the rankers\n"
         "  --bench-prefetch  time image downloads against naive prefetching\n"
         "  --usage-test      self-check of recents, most used and clearing\n"

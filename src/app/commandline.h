@@ -19,14 +19,16 @@ struct CommandLine {
     bool version = false;
     QString query; // --query TEXT
     bool hasQuery = false;
+    QString collectionQuery; // --search-collections TEXT
+    bool hasCollectionQuery = false;
     // Arguments orvane does not know (or a --query without its text): a usage error.
     QStringList unknown;
 
     static CommandLine parse(const QStringList& arguments);
     // True when the mode prints and exits, so no display is needed.
     bool isOneShot() const {
-        return printConfig || hasQuery || bench || benchPrefetch || usageTest || deleteDataTest ||
-               needsFonts();
+        return printConfig || hasQuery || hasCollectionQuery || bench || benchPrefetch ||
+               usageTest || deleteDataTest || needsFonts();
     }
     // One-shot modes that draw text, so they need a GUI application (any platform will do).
     bool needsFonts() const { return captionTest || !renderCaption.isEmpty(); }

@@ -3,6 +3,7 @@
 #include "app/benchcommand.h"
 #include "app/benchprefetch.h"
 #include "app/captioncommands.h"
+#include "app/collectionsearchcommand.h"
 #include "app/commandline.h"
 #include "app/deletedatatest.h"
 #include "app/querycommand.h"
@@ -37,6 +38,8 @@ int runOneShot(const CommandLine& cl) {
     }
     if (cl.hasQuery)
         return runQueryCommand(cl.query, out);
+    if (cl.hasCollectionQuery)
+        return runCollectionSearchCommand(cl.collectionQuery, out);
     for (const QString& line : configReport())
         out << line << Qt::endl;
     return 0;

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include <QDeadlineTimer>
+#include <QFile>
 #include <QHash>
 #include <QImage>
 #include <QProcess>
@@ -35,10 +36,16 @@ OrvaneRun orvane(const QStringList& args, const QHash<QString, QString>& memeVar
             QString::fromUtf8(p.readAllStandardError())};
 }
 
-// orvane-server on an empty folder and a free port; its start-up line names the address.
+// orvane-server on a folder holding `files` (name → content) and a free port; its start-up
+// line names the address.
 class Server {
 public:
-    Server() {
+    explicit Server(const QHash<QString, QByteArray>& files = {}) {
+        for (auto it = files.begin(); it != files.end(); ++it) {
+            QFile file(m_root.filePath(it.key()));
+            if (!file.open(QIODevice::WriteOnly) || file.write(it.value()) != it.value().size())
+                return;
+        }
         m_process.start(QStringLiteral(ORVANE_SERVER_BINARY),
                         {QStringLiteral("--root"), m_root.path(), QStringLiteral("--port"),
                          QStringLiteral("0")});
@@ -154,4 +161,39 @@ TEST(CommandLine, DeleteDataTestAsksTheServerAndSaysWhatCameOfIt) {
     EXPECT_TRUE(
         r.out.startsWith(QLatin1String("delete-data-test: failed: could not reach the server (")))
         << r.out.toStdString();
+}
+
+TEST(CommandLine, SearchCollectionsPrintsWhatTheCollectionsTabShows) {
+    const QHash<QString, QString> noServer{
+        {QStringLiteral("MEME_SERVER"), QStringLiteral("http://127.0.0.1:9/")}};
+    OrvaneRun r = orvane({QStringLiteral("--search-collections"), QString()}, noServer);
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_TRUE(r.out.startsWith(QStringLiteral("Collections are loading…")))
+        << r.out.toStdString();
+
+    const QByteArray collections = R"([
+        {"id":"frogs","name":"Frogs","name_en":"Frogs","keywords":["pond"],"cover":"/t/f.png",
+         "count":2,"owner":"Test","source":"Test"},
+        {"id":"owls","name":"Owls at night","name_en":"Owls at night","keywords":["frog"],
+         "cover":"/t/o.png","count":9,"owner":"Test","source":"Test"},
+        {"id":"cats","name":"Cats","name_en":"Cats","keywords":[],"cover":"/t/c.png",
+         "count":1,"owner":"Test","source":"Test"}])";
+    const QByteArray stickers = R"([{"id":"f1","template":"","ocr_text":"","description":"a frog",
+        "emotions":[],"use_cases":[],"keywords":[],"thumb":"/t/f.png","full":"/f/f.png",
+        "width":1,"height":1,"bytes":1,"collection_id":"frogs"}])";
+    const QString expected = QStringLiteral("2 collections · ↵ open · drag to insert · ⇥ memes · "
+                                            "esc close\nfrogs\tFrogs\t2\nowls\tOwls at night\t9\n");
+    {
+        const Server server({{QStringLiteral("collections.json"), collections},
+                             {QStringLiteral("stickers.json"), stickers},
+                             {QStringLiteral("index.json"), QByteArrayLiteral("[]")}});
+        ASSERT_FALSE(server.url().isEmpty());
+        r = orvane({QStringLiteral("--search-collections"), QStringLiteral("FROG")},
+                   {{QStringLiteral("MEME_SERVER"), server.url()}});
+        EXPECT_EQ(r.exitCode, 0) << r.err.toStdString();
+        EXPECT_EQ(r.out, expected);
+    }
+    // The server gone, the copies kept on disk answer.
+    r = orvane({QStringLiteral("--search-collections"), QStringLiteral("FROG")}, noServer);
+    EXPECT_EQ(r.out, expected);
 }
