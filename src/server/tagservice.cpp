@@ -2,7 +2,7 @@
 #include "server/tagservice.h"
 
 #include "server/jsonresponse.h"
-#include "server/ocrengine.h"
+#include "catalog/ocrengine.h"
 #include "server/serverlog.h"
 #include "server/tagger.h"
 #include "server/tagstore.h"
