@@ -85,7 +85,8 @@ PickerPanel::PickerPanel(PickerModel& model, ThumbnailCache* thumbnails, QWidget
 
     m_addButton = new QToolButton(this);
     m_addButton->setObjectName(QStringLiteral("mineAdd"));
-    m_addButton->setText(QStringLiteral("＋ Add"));
+    // Drawn as "+ Add" where the font has no full-width plus.
+    m_addButton->setText(DrawnSigns::plainFallback(QStringLiteral("＋ Add"), m_addButton->font()));
     m_addButton->setToolTip(QStringLiteral("Add images from your files"));
     m_addButton->setAutoRaise(true);
     m_addButton->setFocusPolicy(Qt::NoFocus);
@@ -253,8 +254,11 @@ void PickerPanel::enableMineActions(std::function<bool(const QMimeData*)> takesP
     m_mineActions = true;
     m_takesPaste = std::move(takesPaste);
     setAcceptDrops(true);
-    // A drop anywhere on the panel adds to the library, the search field included.
+    // A drop anywhere on the panel adds to the library, the search field and the grid
+    // included (an icon-mode list view takes drops of its own).
     m_search->setAcceptDrops(false);
+    m_grid->setAcceptDrops(false);
+    m_grid->viewport()->setAcceptDrops(false);
     syncTab();
 }
 

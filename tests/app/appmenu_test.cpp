@@ -71,7 +71,7 @@ TEST_F(AppMenu, ReadsTopToBottomWithAndWithoutTheDebugSwitch) {
               QStringList{"B: file URL + PNG"});
 
     settings->set(QStringLiteral("searchURL"), "https://search.example.org/v1");
-    EXPECT_EQ(titles(open().get()).at(5),
+    EXPECT_EQ(titles(open().get()).at(6),
               QStringLiteral("Cloud search: https://search.example.org/v1"));
 }
 
