@@ -323,6 +323,7 @@ void AppDelegate::addMineFiles() {
     const QStringList files = QFileDialog::getOpenFileNames(
         dialogParent(), QStringLiteral("Add to my images"), QDir::homePath(),
         QStringLiteral("Images (%1)").arg(patterns.join(u' ')));
+    refocusPanel();
     m_mine->addFiles(files, MineService::Source::file);
 }
 
@@ -333,6 +334,7 @@ void AppDelegate::editMineLabel(const Meme& meme) {
                                                 QLineEdit::Normal, meme.description, &ok);
     if (ok)
         m_mine->setLabel(meme.id, label);
+    refocusPanel();
 }
 
 void AppDelegate::removeMineItem(const Meme& meme) {
@@ -340,9 +342,21 @@ void AppDelegate::removeMineItem(const Meme& meme) {
                                                     : QStringLiteral("“%1”").arg(meme.description);
     if (!confirmDestructive(dialogParent(), QStringLiteral("Remove %1 from your images?").arg(name),
                             QStringLiteral("Its files are deleted from this computer."),
-                            QStringLiteral("Remove")))
+                            QStringLiteral("Remove"))) {
+        refocusPanel();
         return;
+    }
     m_mine->remove(meme.id);
+    refocusPanel();
+}
+
+void AppDelegate::refocusPanel() {
+    // A dialog over the panel took the keyboard; typing goes on in the search field.
+    PickerPanel* panel = m_panel->panel();
+    if (!panel->isVisible())
+        return;
+    panel->raise();
+    panel->activateWindow();
 }
 
 void AppDelegate::importCollection() {

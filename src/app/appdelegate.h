@@ -92,6 +92,7 @@ private:
     void setUpMine();
     // Shows the Mine tab with `id` selected, from the top of an unfiltered list.
     void revealMineItem(const QString& id);
+    void refocusPanel();
     void setUpTrayIcon();
     // Takes `combo` into use and stores it; when it is refused the previous one stays (in
     // the desktop and in the settings) and the user is told where they are looking.

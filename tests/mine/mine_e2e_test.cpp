@@ -8,6 +8,7 @@
 
 #include <QAbstractButton>
 #include <QFont>
+#include <QInputDialog>
 #include <QMessageBox>
 #include <QPainter>
 #include <QStandardPaths>
@@ -149,9 +150,29 @@ TEST_F(MineOnTheDesktop, DroppedAndPastedPicturesAreFoundByTheirWords) {
     ASSERT_EQ(model().results().size(), 1);
     EXPECT_EQ(model().results().first().id, app->mine().records().first().id);
 
-    // ...and on top of the Memes tab, beside the catalog's cats.
+    // F2 edits the selected item's label, and the new words find it.
+    QTimer relabel;
+    QObject::connect(&relabel, &QTimer::timeout, [&] {
+        if (auto* dialog = qobject_cast<QInputDialog*>(QApplication::activeModalWidget())) {
+            dialog->setTextValue(QStringLiteral("tall friend"));
+            dialog->accept();
+        }
+    });
+    relabel.start(50);
+    ASSERT_TRUE(Desktop::key("F2"));
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] { return app->mine().records().first().label == QStringLiteral("tall friend"); },
+        10000));
+    relabel.stop();
+    ASSERT_TRUE(panelHasKeyboard()) << "the panel takes the keyboard back after the dialog";
+    ASSERT_TRUE(search(QStringLiteral("tall fr")));
+    ASSERT_EQ(model().results().size(), 1);
+    EXPECT_EQ(model().results().first().id, app->mine().records().first().id);
+
+    // ...and on top of the Memes tab, beside the catalog's cats; "＋ Add" is the Mine tab's.
     ASSERT_TRUE(Desktop::key("Tab"));
     ASSERT_TRUE(QTest::qWaitFor([&] { return model().tab() == PickerModel::Tab::memes; }, 5000));
+    EXPECT_FALSE(add->isVisible());
     ASSERT_TRUE(search(QStringLiteral("pelican")));
     ASSERT_FALSE(model().results().isEmpty());
     EXPECT_EQ(model().results().first().description, QStringLiteral("holiday-snap"));
