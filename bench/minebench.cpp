@@ -2,7 +2,7 @@
 // orvane-mine-bench: how long a dropped 1000 × 1000 picture takes to be findable by the words
 // written on it (through the app's own library service, Tesseract included), and the Mine
 // tab's per-keystroke time with 1,000 items.
-//   orvane-mine-bench [--drops 6] [--items 1000]
+//   orvane-mine-bench [--drops 6] [--items 1000] [--batch 500]
 #include "mine/minesearch.h"
 #include "mine/mineservice.h"
 #include "percentile.h"
@@ -11,8 +11,10 @@
 #include "userdata/userdata.h"
 
 #include <QCommandLineParser>
+#include <QDir>
 #include <QElapsedTimer>
 #include <QEventLoop>
+#include <QFile>
 #include <QGuiApplication>
 #include <QPainter>
 #include <QTemporaryDir>
@@ -86,6 +88,46 @@ void dropToFindable(int drops, const QString& dir) {
           << ms(warm.empty() ? 0 : *std::max_element(warm.begin(), warm.end())) << " ms\n";
 }
 
+// Many files dropped at once, a few of them not pictures: the time until the one summary, and
+// until the words on all of them were read.
+void bigDrop(int count, const QString& dir) {
+    const QString from = dir + QStringLiteral("/batch");
+    QDir().mkpath(from);
+    QStringList paths;
+    for (int i = 0; i < count; ++i) {
+        const QString path = from + QStringLiteral("/%1.png").arg(i, 4, 10, QLatin1Char('0'));
+        if (i % 100 == 99) {
+            QFile file(path); // named like a picture, but text
+            file.open(QIODevice::WriteOnly);
+            file.write("not a picture");
+        } else {
+            QImage image(320, 240, QImage::Format_RGB32);
+            image.fill(QColor::fromHsv(i * 7 % 360, 120, 200));
+            image.save(path);
+        }
+        paths.append(path);
+    }
+    MineService service(dir + QStringLiteral("/BigMine"));
+    QString summary;
+    int progress = 0;
+    QObject::connect(&service, &MineService::notice, [&](const QString& text, bool) {
+        if (text.startsWith(QLatin1String("Adding ")))
+            ++progress;
+        else
+            summary = text;
+    });
+    service.load();
+    QElapsedTimer timer;
+    timer.start();
+    service.addFiles(paths, MineService::Source::drop);
+    const double stored = waitFor(timer, [&] { return !summary.isEmpty(); });
+    const double read = waitFor(timer, [&] { return service.pendingReads() == 0; });
+    out() << count << " files dropped at once: \"" << summary << "\" after " << ms(stored)
+          << " ms (" << progress << " progress lines), words read on all after " << ms(read)
+          << " ms\n";
+    out().flush();
+}
+
 // Labels and words as users and Tesseract give them.
 MemeList mineItems(int count) {
     MemeList items;
@@ -134,11 +176,14 @@ int main(int argc, char** argv) {
     parser.addHelpOption();
     parser.addOption({QStringLiteral("drops"), QStringLiteral("Pictures dropped one by one."),
                       QStringLiteral("n"), QStringLiteral("6")});
+    parser.addOption({QStringLiteral("batch"), QStringLiteral("Files dropped at once."),
+                      QStringLiteral("n"), QStringLiteral("500")});
     parser.addOption({QStringLiteral("items"), QStringLiteral("Items in the Mine tab."),
                       QStringLiteral("n"), QStringLiteral("1000")});
     parser.process(app);
     QTemporaryDir dir;
     dropToFindable(std::max(2, parser.value(QStringLiteral("drops")).toInt()), dir.path());
     mineTabKeystrokes(parser.value(QStringLiteral("items")).toInt(), dir.path());
+    bigDrop(parser.value(QStringLiteral("batch")).toInt(), dir.path());
     return 0;
 }
