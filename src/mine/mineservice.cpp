@@ -25,9 +25,12 @@ QString quoted(const QString& name) {
     return QStringLiteral("“%1”").arg(name);
 }
 
-QString outcome(int added, const QStringList& refused, bool emoji) {
+QString outcome(int added, const QStringList& refused, bool emoji, const QString& single) {
     if (added == 0 && refused.size() == 1)
         return refused.first();
+    // One emoji is shown as itself.
+    if (emoji && added == 1 && refused.isEmpty())
+        return QStringLiteral("Added %1 to your images").arg(single);
     const QString what = emoji        ? QStringLiteral("emoji")
                          : added == 1 ? QStringLiteral("image")
                                       : QStringLiteral("images");
@@ -147,7 +150,10 @@ void MineService::finishBatch(const std::shared_ptr<Batch>& batch) {
     publishNow();
     if (!batch->ids.isEmpty())
         emit added(batch->ids);
-    emit notice(outcome(int(batch->ids.size()), batch->refused, batch->emoji),
+    const std::optional<MineLibrary::Record> first =
+        batch->ids.isEmpty() ? std::nullopt : record(batch->ids.first());
+    emit notice(outcome(int(batch->ids.size()), batch->refused, batch->emoji,
+                        first ? first->emoji : QString()),
                 batch->ids.isEmpty());
 }
 

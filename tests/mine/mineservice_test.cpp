@@ -120,6 +120,11 @@ TEST(MineService, TextBecomesEmojiItemsOrIsRefused) {
     EXPECT_EQ(service.records().first().label, QStringLiteral("taco"));
     EXPECT_EQ(service.items().last().character, QStringLiteral("🐙"));
 
+    service.addText(QStringLiteral("🦆"));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return notice.size() == 3; }, 10000));
+    EXPECT_EQ(notice.last().at(0), QStringLiteral("Added 🦆 to your images"));
+    EXPECT_EQ(service.records().first().label, QStringLiteral("duck"));
+
     service.setLabel(service.records().first().id, QStringLiteral("  tuesday   lunch "));
     ASSERT_TRUE(QTest::qWaitFor(
         [&] { return service.records().first().label == QStringLiteral("tuesday lunch"); }, 5000));
