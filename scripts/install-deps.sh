@@ -13,6 +13,9 @@ packages=(
     wordnet-base wrk
     # orvane-server's tagging reads the text on pictures with Tesseract and its English model.
     libtesseract-dev tesseract-ocr-eng
+    # The user's own emoji: their Unicode names and properties from ICU, their pictures drawn
+    # with the colour emoji font.
+    libicu-dev fonts-noto-color-emoji
     libgtest-dev libgmock-dev libbenchmark-dev
     libxcb1-dev libxcb-xtest0-dev libxcb-keysyms1-dev libxcb-xfixes0-dev libxcb-xkb-dev
     xvfb openbox xdotool xclip dbus-x11 x11-utils fonts-dejavu-core

@@ -15,7 +15,9 @@
 #include "catalog/memestore.h"
 #include "catalog/thumbnailcache.h"
 #include "collections/collectionindex.h"
+#include "insert/pasteitem.h"
 #include "insert/paster.h"
+#include "mine/mineservice.h"
 #include "platform/globalhotkey.h"
 #include "platform/platformbackend.h"
 #include "search/importeditems.h"
@@ -31,6 +33,9 @@
 #include <QActionGroup>
 #include <QApplication>
 #include <QDesktopServices>
+#include <QDir>
+#include <QFileDialog>
+#include <QImageReader>
 #include <QInputDialog>
 #include <QMenu>
 #include <QMessageBox>
@@ -138,6 +143,8 @@ AppDelegate::~AppDelegate() {
         m_userCollections->stop();
     // The panel refers to the model and the thumbnail cache: it goes first.
     m_panel.reset();
+    // Finishes the write at hand; nothing else of the library outlives the app.
+    m_mine.reset();
     m_tray.reset();
 }
 
@@ -163,6 +170,8 @@ void AppDelegate::start() {
             [this](quint32 timestamp) { m_panel->toggle(timestamp); });
     m_recorder = std::make_unique<HotKeyRecorder>();
     registerHotKey();
+
+    setUpMine();
 
     m_userCollections = std::make_shared<UserCollections>();
     connect(qApp, &QCoreApplication::aboutToQuit, this, [this] { m_userCollections->stop(); });
@@ -280,9 +289,106 @@ void AppDelegate::applyCollections() {
                                 : std::make_shared<CollectionIndex>(CollectionList(), MemeList());
             m_picker->setCollections(m_collections);
             Metrics::log(QStringLiteral("collections_loaded"),
-                         {{"collections", out.collections}, {"mine", 0}});
+                         {{"collections", out.collections},
+                          {"mine", m_mine ? m_mine->records().size() : 0}});
             emit collectionsApplied();
         });
+}
+
+void AppDelegate::setUpMine() {
+    m_mine = std::make_unique<MineService>();
+    // Local files are honoured only for registered items: register before the model shows them.
+    connect(m_mine.get(), &MineService::itemsChanged, this, [this](const MemeList& items) {
+        m_store->setLocalItems(QStringLiteral("mine"), items);
+        m_picker->setMine(items);
+    });
+    connect(m_mine.get(), &MineService::notice, this, [this](const QString& text, bool failure) {
+        m_panel->panel()->showToast(text, failure ? Toast::Kind::error : Toast::Kind::notice);
+    });
+    connect(m_mine.get(), &MineService::added, this,
+            [this](const QStringList& ids) { revealMineItem(ids.first()); });
+    // The user's own file goes out as it is, with a PNG rendering beside it.
+    m_panel->paster().setMineItemBuilder([](const QUrl& file) {
+        PasteItem::Source source;
+        source.file = file.toLocalFile();
+        source.isPNG = source.file.endsWith(QLatin1String(".png"), Qt::CaseInsensitive);
+        return PasteItem::make(source, PastePayload::fileURLPng);
+    });
+    PickerPanel* panel = m_panel->panel();
+    panel->enableMineActions(&MineService::offersItems);
+    connect(panel, &PickerPanel::mineDrop, this, [this](const QMimeData* data) {
+        m_mine->addMimeData(data, MineService::Source::drop);
+    });
+    connect(panel, &PickerPanel::minePaste, this, [this](const QMimeData* data) {
+        m_mine->addMimeData(data, MineService::Source::paste);
+    });
+    connect(panel, &PickerPanel::mineAddRequested, this, &AppDelegate::addMineFiles);
+    connect(panel, &PickerPanel::mineRemoveRequested, this, &AppDelegate::removeMineItem);
+    connect(panel, &PickerPanel::mineLabelRequested, this, &AppDelegate::editMineLabel);
+    m_mine->load();
+}
+
+void AppDelegate::revealMineItem(const QString& id) {
+    if (!m_panel->isVisible())
+        return;
+    m_picker->switchTab(PickerModel::Tab::mine);
+    if (!m_picker->query().isEmpty())
+        m_picker->searchTextEdited(QString());
+    const MemeList& shown = m_picker->results();
+    for (qsizetype row = 0; row < shown.size(); ++row) {
+        if (shown[row].id == id) {
+            m_picker->select(int(row));
+            return;
+        }
+    }
+}
+
+void AppDelegate::showMine() {
+    m_panel->show();
+    m_picker->switchTab(PickerModel::Tab::mine);
+}
+
+void AppDelegate::addMineFiles() {
+    QStringList patterns;
+    for (const QByteArray& format : QImageReader::supportedImageFormats())
+        patterns.append(QStringLiteral("*.") + QString::fromLatin1(format));
+    const QStringList files = QFileDialog::getOpenFileNames(
+        dialogParent(), QStringLiteral("Add to my images"), QDir::homePath(),
+        QStringLiteral("Images (%1)").arg(patterns.join(u' ')));
+    refocusPanel();
+    m_mine->addFiles(files, MineService::Source::file);
+}
+
+void AppDelegate::editMineLabel(const Meme& meme) {
+    bool ok = false;
+    const QString label = QInputDialog::getText(dialogParent(), QStringLiteral("Edit label"),
+                                                QStringLiteral("Words to find this image by:"),
+                                                QLineEdit::Normal, meme.description, &ok);
+    if (ok)
+        m_mine->setLabel(meme.id, label);
+    refocusPanel();
+}
+
+void AppDelegate::removeMineItem(const Meme& meme) {
+    const QString name = meme.description.isEmpty() ? QStringLiteral("this image")
+                                                    : QStringLiteral("“%1”").arg(meme.description);
+    if (!confirmDestructive(dialogParent(), QStringLiteral("Remove %1 from your images?").arg(name),
+                            QStringLiteral("Its files are deleted from this computer."),
+                            QStringLiteral("Remove"))) {
+        refocusPanel();
+        return;
+    }
+    m_mine->remove(meme.id);
+    refocusPanel();
+}
+
+void AppDelegate::refocusPanel() {
+    // A dialog over the panel took the keyboard; typing goes on in the search field.
+    PickerPanel* panel = m_panel->panel();
+    if (!panel->isVisible())
+        return;
+    panel->raise();
+    panel->activateWindow();
 }
 
 void AppDelegate::importCollection() {
@@ -417,6 +523,7 @@ void AppDelegate::showNotice(const QString& text, int ms) {
 
 void AppDelegate::addCollectionsMenu(QMenu* menu) {
     menu->addAction(QStringLiteral("Import collection…"), this, &AppDelegate::importCollection);
+    menu->addAction(QStringLiteral("My images…"), this, &AppDelegate::showMine);
     const QList<UserCollections::Row> rows = m_userCollections->list();
     // An empty submenu would offer nothing.
     if (rows.isEmpty())

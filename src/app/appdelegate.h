@@ -3,6 +3,7 @@
 
 #include "app/commandline.h"
 #include "catalog/hotkeycombo.h"
+#include "catalog/meme.h"
 #include "collections/usercollections.h"
 
 #include <QObject>
@@ -15,6 +16,7 @@ class GlobalHotkey;
 class HotKeyRecorder;
 class ImportWindow;
 class MemeStore;
+class MineService;
 class Learning;
 class PanelController;
 class PickerModel;
@@ -51,6 +53,13 @@ public:
     void renameImported(const QString& id);
     void deleteImported(const QString& id);
     void deleteMyData();
+    // The user's own images: "My images…" opens the panel on the Mine tab; the file chooser
+    // of "＋ Add"; relabelling and removing one item.
+    void showMine();
+    void addMineFiles();
+    void editMineLabel(const Meme& meme);
+    void removeMineItem(const Meme& meme);
+    MineService& mine() const { return *m_mine; }
     bool importRunning() const { return m_importRunning; }
     ImportWindow* importWindow() const { return m_importWindow.get(); }
     UserCollections& userCollections() const { return *m_userCollections; }
@@ -84,6 +93,10 @@ private:
     void runImport(const QList<UserCollections::Plan>& plans, const QString& name);
     void finishImport(const UserCollections::Result& result);
     void addCollectionsMenu(QMenu* menu);
+    void setUpMine();
+    // Shows the Mine tab with `id` selected, from the top of an unfiltered list.
+    void revealMineItem(const QString& id);
+    void refocusPanel();
     void setUpTrayIcon();
     // Takes `combo` into use and stores it; when it is refused the previous one stays (in
     // the desktop and in the settings) and the user is told where they are looking.
@@ -107,6 +120,7 @@ private:
     // Shared with imports and tagging runs that may outlive a menu action.
     std::shared_ptr<UserCollections> m_userCollections;
     std::unique_ptr<ImportWindow> m_importWindow;
+    std::unique_ptr<MineService> m_mine;
     bool m_importRunning = false;
     bool m_retryRunning = false;
     std::unique_ptr<GlobalHotkey> m_hotkey;

@@ -3,6 +3,7 @@
 
 #include "catalog/debugflags.h"
 #include "catalog/memestore.h"
+#include "mine/minesearch.h"
 #include "search/collectionsource.h"
 #include "search/fusedranking.h"
 #include "search/importeditems.h"
@@ -223,15 +224,7 @@ MemeList PickerModel::withMineOnTop(const MemeList& ranked) const {
 }
 
 MemeList PickerModel::searchMine(const QString& text, int limit) const {
-    const WordFilter filter(text);
-    MemeList out;
-    for (const Meme& meme : m_mine) {
-        if (out.size() >= limit)
-            break;
-        if (filter.matches(meme))
-            out.append(meme);
-    }
-    return out;
+    return MineSearch::search(text, m_mine, limit);
 }
 
 Metrics& PickerModel::metrics() const {

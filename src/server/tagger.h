@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
-#include "server/ocrengine.h"
+#include "catalog/ocrengine.h"
 
 #include <QHash>
 #include <QImage>

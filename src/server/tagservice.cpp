@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "server/tagservice.h"
 
+#include "catalog/ocrengine.h"
 #include "server/jsonresponse.h"
-#include "server/ocrengine.h"
 #include "server/serverlog.h"
 #include "server/tagger.h"
 #include "server/tagstore.h"

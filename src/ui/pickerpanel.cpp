@@ -10,12 +10,16 @@
 #include "ui/thumbnaildelegate.h"
 
 #include <QApplication>
+#include <QClipboard>
+#include <QContextMenuEvent>
+#include <QDragEnterEvent>
 #include <QHBoxLayout>
 #include <QKeyEvent>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListView>
 #include <QMenu>
+#include <QMimeData>
 #include <QPainter>
 #include <QScreen>
 #include <QScrollBar>
@@ -79,6 +83,16 @@ PickerPanel::PickerPanel(PickerModel& model, ThumbnailCache* thumbnails, QWidget
     m_menuButton->setFocusPolicy(Qt::NoFocus);
     connect(m_menuButton, &QToolButton::clicked, this, &PickerPanel::popUpMenu);
 
+    m_addButton = new QToolButton(this);
+    m_addButton->setObjectName(QStringLiteral("mineAdd"));
+    // Drawn as "+ Add" where the font has no full-width plus.
+    m_addButton->setText(DrawnSigns::plainFallback(QStringLiteral("＋ Add"), m_addButton->font()));
+    m_addButton->setToolTip(QStringLiteral("Add images from your files"));
+    m_addButton->setAutoRaise(true);
+    m_addButton->setFocusPolicy(Qt::NoFocus);
+    m_addButton->hide();
+    connect(m_addButton, &QToolButton::clicked, this, &PickerPanel::mineAddRequested);
+
     m_tabs = new QTabBar(this);
     m_tabs->setObjectName(QStringLiteral("tabs"));
     m_tabs->setFocusPolicy(Qt::NoFocus);
@@ -130,6 +144,7 @@ PickerPanel::PickerPanel(PickerModel& model, ThumbnailCache* thumbnails, QWidget
 
     auto* top = new QHBoxLayout;
     top->addWidget(m_search, 1);
+    top->addWidget(m_addButton);
     top->addWidget(m_menuButton);
     auto* bottom = new QHBoxLayout;
     bottom->addWidget(m_status, 1);
@@ -232,6 +247,75 @@ void PickerPanel::present() {
 void PickerPanel::syncTab() {
     const QSignalBlocker block(m_tabs);
     m_tabs->setCurrentIndex(int(m_model.tab()));
+    m_addButton->setVisible(m_mineActions && m_model.tab() == PickerModel::Tab::mine);
+}
+
+void PickerPanel::enableMineActions(std::function<bool(const QMimeData*)> takesPaste) {
+    m_mineActions = true;
+    m_takesPaste = std::move(takesPaste);
+    setAcceptDrops(true);
+    // A drop anywhere on the panel adds to the library, the search field and the grid
+    // included (an icon-mode list view takes drops of its own).
+    m_search->setAcceptDrops(false);
+    m_grid->setAcceptDrops(false);
+    m_grid->viewport()->setAcceptDrops(false);
+    syncTab();
+}
+
+std::optional<Meme> PickerPanel::selectedMineItem() const {
+    if (!m_mineActions || m_model.tab() != PickerModel::Tab::mine)
+        return std::nullopt;
+    std::optional<Meme> item = m_model.selectedItem();
+    if (!item || !item->isMine())
+        return std::nullopt;
+    return item;
+}
+
+bool PickerPanel::acceptsDrop(const QDropEvent* event) const {
+    // Our own results dragged back onto the panel are no new items.
+    if (!m_mineActions || event->source() == m_grid->viewport())
+        return false;
+    const QMimeData* data = event->mimeData();
+    return data->hasUrls() || data->hasImage() || data->hasText() ||
+           std::any_of(data->formats().cbegin(), data->formats().cend(),
+                       [](const QString& f) { return f.startsWith(QLatin1String("image/")); });
+}
+
+void PickerPanel::dragEnterEvent(QDragEnterEvent* event) {
+    if (!acceptsDrop(event))
+        return;
+    event->setDropAction(Qt::CopyAction);
+    event->accept();
+}
+
+void PickerPanel::dragMoveEvent(QDragMoveEvent* event) {
+    if (!acceptsDrop(event))
+        return;
+    event->setDropAction(Qt::CopyAction);
+    event->accept();
+}
+
+void PickerPanel::dropEvent(QDropEvent* event) {
+    if (!acceptsDrop(event))
+        return;
+    event->setDropAction(Qt::CopyAction);
+    event->accept();
+    emit mineDrop(event->mimeData());
+}
+
+void PickerPanel::showMineMenu(QPoint globalPos, const QModelIndex& index) {
+    m_model.select(index.row());
+    const std::optional<Meme> item = selectedMineItem();
+    if (!item)
+        return;
+    QMenu menu(this);
+    menu.addAction(QStringLiteral("Edit label…"), this,
+                   [this, meme = *item] { emit mineLabelRequested(meme); });
+    menu.addAction(QStringLiteral("Remove from my images…"), this,
+                   [this, meme = *item] { emit mineRemoveRequested(meme); });
+    m_menuOpen = true;
+    menu.exec(globalPos);
+    m_menuOpen = false;
 }
 
 void PickerPanel::syncSelection() {
@@ -322,6 +406,12 @@ bool PickerPanel::eventFilter(QObject* watched, QEvent* event) {
     } else if (watched == m_status) {
         if (event->type() == QEvent::Resize)
             refreshStatus();
+    } else if (event->type() == QEvent::ContextMenu) {
+        const auto* menuEvent = static_cast<QContextMenuEvent*>(event);
+        if (const QModelIndex index = m_grid->indexAt(menuEvent->pos()); index.isValid()) {
+            showMineMenu(menuEvent->globalPos(), index);
+            return true;
+        }
     } else if (event->type() == QEvent::Resize) {
         // The grid's viewport (the other object watched; the search field's filter is set
         // before the grid exists). It gets its real width only after the panel's resize (on
@@ -380,6 +470,31 @@ bool PickerPanel::handleKey(QKeyEvent* event) {
             return true;
         }
         return false;
+    case Qt::Key_V:
+        // An image or emoji on the clipboard goes to the library; text is typed as usual.
+        if (mods == Qt::ControlModifier && m_mineActions && m_takesPaste) {
+            const QMimeData* data = QGuiApplication::clipboard()->mimeData();
+            if (m_takesPaste(data)) {
+                emit minePaste(data);
+                return true;
+            }
+        }
+        return false;
+    case Qt::Key_Delete:
+        // Deleting the text after the caret comes first.
+        if (mods == Qt::NoModifier && m_search->cursorPosition() == m_search->text().size()) {
+            if (const std::optional<Meme> item = selectedMineItem()) {
+                emit mineRemoveRequested(*item);
+                return true;
+            }
+        }
+        return false;
+    case Qt::Key_F2:
+        if (const std::optional<Meme> item = selectedMineItem()) {
+            emit mineLabelRequested(*item);
+            return true;
+        }
+        return false;
     default:
         return false;
     }
@@ -398,6 +513,12 @@ void PickerPanel::onFocusWindowChanged(QWindow* window) {
     // A drag passes over other programs' windows, some of which take the focus.
     if (!isVisible() || m_dragging)
         return;
+    // The Mine tab stays while the user picks pictures in another program to drop here.
+    if (m_mineActions && m_model.tab() == PickerModel::Tab::mine) {
+        if (window && window == windowHandle())
+            m_hadKeyboard = true;
+        return;
+    }
     if (window && window == windowHandle()) {
         m_hadKeyboard = true;
         return;

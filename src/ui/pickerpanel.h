@@ -4,9 +4,11 @@
 #include "catalog/meme.h"
 #include "ui/toast.h"
 
+#include <QMimeData>
 #include <QWidget>
 #include <functional>
 #include <memory>
+#include <optional>
 
 class CaptionEditor;
 class PickerModel;
@@ -14,6 +16,8 @@ class QLabel;
 class QLineEdit;
 class QListView;
 class QMenu;
+
+class QModelIndex;
 class QTabBar;
 class QToolButton;
 class QTimer;
@@ -57,18 +61,35 @@ public:
     // While a drag out of the panel runs, losing the focus does not hide the panel.
     void setDragging(bool on);
 
+    // Turns on the ways into the user's own library: drops on the panel, Ctrl+V of what
+    // `takesPaste` accepts (other pastes stay the search field's), "＋ Add" in the Mine tab,
+    // and Delete, F2 and a context menu on the user's own items there. Off by default.
+    void enableMineActions(std::function<bool(const QMimeData*)> takesPaste);
+
 signals:
     // The panel was hidden (Esc, focus loss or hide()).
     void dismissed();
     // The user pulled a result out of its cell (now selected): `image` is to follow the
     // pointer with its point `hotSpot` under it; `source` is the grid's viewport.
     void dragRequested(const Meme& meme, QWidget* source, const QPixmap& image, QPoint hotSpot);
+    // Something from another program was dropped on the panel, or pasted with Ctrl+V. `data`
+    // lives only for the call: connect directly.
+    void mineDrop(const QMimeData* data);
+    void minePaste(const QMimeData* data);
+    // "＋ Add" in the Mine tab.
+    void mineAddRequested();
+    // Delete or the context menu, and F2 or the context menu, on one of the user's own items.
+    void mineRemoveRequested(const Meme& meme);
+    void mineLabelRequested(const Meme& meme);
 
 protected:
     bool eventFilter(QObject* watched, QEvent* event) override;
     void hideEvent(QHideEvent* event) override;
     void resizeEvent(QResizeEvent* event) override;
     void paintEvent(QPaintEvent* event) override;
+    void dragEnterEvent(QDragEnterEvent* event) override;
+    void dragMoveEvent(QDragMoveEvent* event) override;
+    void dropEvent(QDropEvent* event) override;
 
 private:
     bool handleKey(QKeyEvent* event);
@@ -80,6 +101,10 @@ private:
     void requestMoreIfNeeded();
     void popUpMenu();
     void onFocusWindowChanged(QWindow* window);
+    // The selected result when it is one of the user's own and the Mine tab shows.
+    std::optional<Meme> selectedMineItem() const;
+    bool acceptsDrop(const QDropEvent* event) const;
+    void showMineMenu(QPoint globalPos, const QModelIndex& index);
 
     PickerModel& m_model;
     ResultsGridModel* m_gridModel;
@@ -90,6 +115,7 @@ private:
     CaptionEditor* m_captionEditor;
     QLabel* m_status;
     QToolButton* m_menuButton;
+    QToolButton* m_addButton;
     Toast* m_toast;
     std::unique_ptr<Toast> m_windowToast;
     std::function<void(QMenu*)> m_buildMenu;
@@ -97,4 +123,6 @@ private:
     bool m_menuOpen = false;
     bool m_hadKeyboard = false;
     bool m_dragging = false;
+    bool m_mineActions = false;
+    std::function<bool(const QMimeData*)> m_takesPaste;
 };

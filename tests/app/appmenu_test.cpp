@@ -32,7 +32,7 @@ TEST_F(AppMenu, ReadsTopToBottomWithAndWithoutTheDebugSwitch) {
     start();
     auto menu = open();
     EXPECT_EQ(titles(menu.get()),
-              QStringList({"Import collection…", "Hotkey", "Launch at login",
+              QStringList({"Import collection…", "My images…", "Hotkey", "Launch at login",
                            "Share anonymous usage (query → pick)", "Delete my data on our server…",
                            "Image cache limit"}) +
                   endItems);
@@ -47,7 +47,7 @@ TEST_F(AppMenu, ReadsTopToBottomWithAndWithoutTheDebugSwitch) {
     menu = open();
     EXPECT_EQ(
         titles(menu.get()),
-        QStringList({"Import collection…", "Hotkey", "Launch at login",
+        QStringList({"Import collection…", "My images…", "Hotkey", "Launch at login",
                      "Share anonymous usage (query → pick)", "Delete my data on our server…",
                      "Cloud search: not configured", "Image cache limit", "Debug / A-B tests"}) +
             endItems);
@@ -71,7 +71,7 @@ TEST_F(AppMenu, ReadsTopToBottomWithAndWithoutTheDebugSwitch) {
               QStringList{"B: file URL + PNG"});
 
     settings->set(QStringLiteral("searchURL"), "https://search.example.org/v1");
-    EXPECT_EQ(titles(open().get()).at(5),
+    EXPECT_EQ(titles(open().get()).at(6),
               QStringLiteral("Cloud search: https://search.example.org/v1"));
 }
 

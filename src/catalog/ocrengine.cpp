@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: MIT
-#include "server/ocrengine.h"
+#include "catalog/ocrengine.h"
 
-#include "server/serverlog.h"
-
+#include <QLoggingCategory>
 #include <algorithm>
 #include <tesseract/baseapi.h>
 #include <tesseract/resultiterator.h>
+
+Q_LOGGING_CATEGORY(lcOcr, "glimmet.ocr", QtInfoMsg)
 
 namespace {
 
@@ -24,8 +25,8 @@ OcrEngine::OcrEngine(const QString& dataDir) : m_api(std::make_unique<tesseract:
     m_ready = m_api->Init(dataDir.isEmpty() ? nullptr : dir.constData(), "eng",
                           tesseract::OEM_LSTM_ONLY) == 0;
     if (!m_ready) {
-        qCWarning(lcServer).noquote() << "tagging: tesseract could not load its English model"
-                                      << (dataDir.isEmpty() ? QString() : "from " + dataDir);
+        qCWarning(lcOcr).noquote() << "ocr: tesseract could not load its English model"
+                                   << (dataDir.isEmpty() ? QString() : "from " + dataDir);
         return;
     }
     // Captions sit anywhere on a picture, in a few short lines: find as much text as possible
