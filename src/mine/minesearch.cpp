@@ -4,52 +4,50 @@
 #include "search/textfold.h"
 
 #include <algorithm>
-#include <vector>
 
 namespace {
 
-struct Field {
-    QStringList words;
-    double weight;
-};
+constexpr double fieldWeights[3] = {4, 2, 1};
 
 // The best a query word does against one field: a whole word, else the start of one.
-double fieldScore(const QString& word, const Field& field) {
+double fieldScore(const QString& word, const QStringList& words, double weight) {
     double best = 0;
-    for (const QString& own : field.words) {
+    for (const QString& own : words) {
         if (own == word)
-            return field.weight;
+            return weight;
         if (own.startsWith(word))
-            best = field.weight * 0.5;
+            best = weight * 0.5;
     }
     return best;
 }
 
 } // namespace
 
-namespace MineSearch {
+MineSearch::MineSearch(MemeList items) : m_items(std::move(items)) {
+    m_words.reserve(size_t(m_items.size()));
+    for (const Meme& meme : m_items)
+        m_words.push_back({TextFold::tokens(meme.description),
+                           TextFold::tokens(meme.keywords.join(u' ')),
+                           TextFold::tokens(meme.ocr_text)});
+}
 
-MemeList search(const QString& text, const MemeList& items, int limit) {
-    const QStringList words = TextFold::tokens(text);
-    if (words.isEmpty())
-        return items.mid(0, std::max(0, limit));
+MemeList MineSearch::search(const QString& text, int limit) const {
+    const QStringList query = TextFold::tokens(text);
+    if (query.isEmpty())
+        return m_items.mid(0, std::max(0, limit));
 
     struct Hit {
         double score;
-        qsizetype index;
+        size_t index;
     };
     std::vector<Hit> hits;
-    for (qsizetype i = 0; i < items.size(); ++i) {
-        const Meme& meme = items[i];
-        const Field fields[] = {{TextFold::tokens(meme.description), 4},
-                                {TextFold::tokens(meme.keywords.join(u' ')), 2},
-                                {TextFold::tokens(meme.ocr_text), 1}};
+    for (size_t i = 0; i < m_words.size(); ++i) {
         double total = 0;
         bool all = true;
-        for (const QString& word : words) {
+        for (const QString& word : query) {
             double best = 0;
-            for (const Field& field : fields)
-                best = std::max(best, fieldScore(word, field));
+            for (size_t f = 0; f < 3; ++f)
+                best = std::max(best, fieldScore(word, m_words[i][f], fieldWeights[f]));
             if (best == 0) {
                 all = false;
                 break;
@@ -65,9 +63,11 @@ MemeList search(const QString& text, const MemeList& items, int limit) {
     for (const Hit& hit : hits) {
         if (out.size() >= limit)
             break;
-        out.append(items[hit.index]);
+        out.append(m_items[qsizetype(hit.index)]);
     }
     return out;
 }
 
-} // namespace MineSearch
+MemeList MineSearch::search(const QString& text, const MemeList& items, int limit) {
+    return MineSearch(items).search(text, limit);
+}

@@ -3,7 +3,6 @@
 
 #include "catalog/debugflags.h"
 #include "catalog/memestore.h"
-#include "mine/minesearch.h"
 #include "search/collectionsource.h"
 #include "search/fusedranking.h"
 #include "search/importeditems.h"
@@ -59,6 +58,7 @@ void PickerModel::setIndex(std::shared_ptr<LocalIndex> index, const MemeList& me
 void PickerModel::setMine(const MemeList& memes) {
     Batch batch(this);
     m_mine = memes;
+    m_mineSearch = MineSearch(memes);
     m_mineByID.clear();
     for (const Meme& meme : memes)
         m_mineByID.insert(meme.id, meme);
@@ -224,7 +224,7 @@ MemeList PickerModel::withMineOnTop(const MemeList& ranked) const {
 }
 
 MemeList PickerModel::searchMine(const QString& text, int limit) const {
-    return MineSearch::search(text, m_mine, limit);
+    return m_mineSearch.search(text, limit);
 }
 
 Metrics& PickerModel::metrics() const {

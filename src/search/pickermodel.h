@@ -2,6 +2,7 @@
 #pragma once
 
 #include "catalog/catalogjson.h"
+#include "mine/minesearch.h"
 #include "search/captiondraft.h"
 #include "search/exploreorder.h"
 
@@ -266,6 +267,7 @@ private:
     // with other result sources starts from.
     MemeList m_localResults;
     MemeList m_mine;
+    MineSearch m_mineSearch;
     QHash<QString, Meme> m_mineByID;
     MemeList m_mineMatches;
     std::shared_ptr<const CollectionSource> m_collections;
