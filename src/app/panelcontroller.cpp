@@ -3,6 +3,7 @@
 
 #include "base/background.h"
 #include "base/logcategories.h"
+#include "base/memorytrim.h"
 #include "catalog/debugflags.h"
 #include "catalog/memestore.h"
 #include "insert/captionfile.h"
@@ -44,6 +45,8 @@ PanelController::PanelController(PickerModel& model, MemeStore& store, Thumbnail
     connect(&m_model, &PickerModel::captionInsertRequested, this,
             &PanelController::insertCaptioned);
     connect(m_panel.get(), &PickerPanel::dismissed, this, &PanelController::cancelWaitingInsert);
+    // Thumbnails decoded and results laid out while it was open are freed by now.
+    connect(m_panel.get(), &PickerPanel::dismissed, this, [] { MemoryTrim::soon(); });
     connectDrags();
     connect(&m_store, &MemeStore::downloadProgress, this,
             [this](const QString& id, qint64 received, qint64 total) {
