@@ -9,6 +9,7 @@ struct CommandLine {
     bool printConfig = false;
     bool show = false;
     bool bench = false;
+    bool startupBench = false;
     bool benchPrefetch = false;
     bool usageTest = false;
     bool captionTest = false;
@@ -25,8 +26,8 @@ struct CommandLine {
     static CommandLine parse(const QStringList& arguments);
     // True when the mode prints and exits, so no display is needed.
     bool isOneShot() const {
-        return printConfig || hasQuery || bench || benchPrefetch || usageTest || deleteDataTest ||
-               needsFonts();
+        return printConfig || hasQuery || bench || startupBench || benchPrefetch || usageTest ||
+               deleteDataTest || needsFonts();
     }
     // One-shot modes that draw text, so they need a GUI application (any platform will do).
     bool needsFonts() const { return captionTest || !renderCaption.isEmpty(); }

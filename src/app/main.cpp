@@ -8,6 +8,7 @@
 #include "app/querycommand.h"
 #include "app/quitsignals.h"
 #include "app/singleinstance.h"
+#include "app/startupbench.h"
 #include "app/usagetest.h"
 #include "buildinfo.h"
 
@@ -18,10 +19,12 @@
 
 namespace {
 
-int runOneShot(const CommandLine& cl) {
+int runOneShot(const CommandLine& cl, std::chrono::steady_clock::time_point launched) {
     QTextStream out(stdout);
     if (cl.bench)
         return runRankingBench(out);
+    if (cl.startupBench)
+        return runStartupBench(out, launched);
     if (cl.benchPrefetch)
         return runPrefetchBench(out);
     if (cl.usageTest)
@@ -45,6 +48,7 @@ int runOneShot(const CommandLine& cl) {
 } // namespace
 
 int main(int argc, char** argv) {
+    const auto launched = std::chrono::steady_clock::now();
     QStringList arguments;
     for (int i = 0; i < argc; ++i)
         arguments.append(QString::fromLocal8Bit(argv[i]));
@@ -69,13 +73,13 @@ int main(int argc, char** argv) {
             qputenv("QT_QPA_PLATFORM", "offscreen");
         QGuiApplication app(argc, argv);
         QGuiApplication::setApplicationName(QStringLiteral("Orvane"));
-        return runOneShot(cl);
+        return runOneShot(cl, launched);
     }
     if (cl.isOneShot()) {
         // One-shot modes run without a GUI platform, so they work over SSH and in CI.
         QCoreApplication app(argc, argv);
         QCoreApplication::setApplicationName(QStringLiteral("Orvane"));
-        return runOneShot(cl);
+        return runOneShot(cl, launched);
     }
 
     QApplication app(argc, argv);
