@@ -216,6 +216,7 @@ void LocalIndex::rebuild(const MemeList& memes, const QString& signature) {
             }
         }
         m_mirrorChanged.notify_all();
+        releaseCache();
         guard.unlock();
         checkpoint();
     });
@@ -389,6 +390,7 @@ std::optional<MemeList> LocalIndex::loadCached() {
                 memes.append(std::move(*meme));
         }
     }
+    releaseCache();
     if (memes.isEmpty())
         return std::nullopt;
     return memes;
@@ -540,6 +542,7 @@ void LocalIndex::ensureMirror() {
     if ((m_mirror || m_mirrorFailed) && mirrorIsCurrent())
         return;
     buildMirror();
+    releaseCache();
 }
 
 void LocalIndex::buildMirror() {
@@ -578,4 +581,10 @@ void LocalIndex::buildMirror() {
     }
     m_mirror = builder.finish();
     m_mirrorFailed = !m_mirror;
+}
+
+void LocalIndex::releaseCache() {
+    // Keystrokes are answered from the mirror; the pages a load or a rebuild read would only
+    // sit in the cache all day. SQL reads them again should it ever need them.
+    sqlite3_db_release_memory(m_db);
 }

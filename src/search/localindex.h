@@ -115,6 +115,8 @@ private:
     bool mirrorIsCurrent();
     std::int64_t dataVersion();
     void checkpoint();
+    // Frees the connection's page cache. The caller holds m_lock.
+    void releaseCache();
 
     sqlite3* m_db = nullptr;
     QString m_path;
