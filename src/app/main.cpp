@@ -10,6 +10,7 @@
 #include "app/singleinstance.h"
 #include "app/startupbench.h"
 #include "app/usagetest.h"
+#include "base/memorytrim.h"
 #include "buildinfo.h"
 
 #include <QApplication>
@@ -49,6 +50,7 @@ int runOneShot(const CommandLine& cl, std::chrono::steady_clock::time_point laun
 
 int main(int argc, char** argv) {
     const auto launched = std::chrono::steady_clock::now();
+    MemoryTrim::limitArenas();
     QStringList arguments;
     for (int i = 0; i < argc; ++i)
         arguments.append(QString::fromLocal8Bit(argv[i]));
