@@ -53,6 +53,8 @@ bool CatalogLoader::reloadIndex() {
         qCWarning(lcCatalog) << "could not open local index";
         return false;
     }
+    // The keystroke path's tables are read on the other core while this one decodes the items.
+    index->readMirrorAhead();
     const std::optional<QString> storedSignature = index->storedSignature();
     const std::optional<MemeList> cached = index->loadCached();
     const bool hasCatalog = cached && !cached->isEmpty();
