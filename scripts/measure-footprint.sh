@@ -12,6 +12,8 @@
 #   bash scripts/measure-footprint.sh              everything
 #   bash scripts/measure-footprint.sh --heaptrack  also the heap's top allocators when idle
 #   SKIP_PREPARE=1 bash scripts/measure-footprint.sh   use the build and catalog as they are
+#   QUERIES="cat dog happy" bash scripts/measure-footprint.sh   type these instead of "cat"
+#   CATALOGS=demo bash scripts/measure-footprint.sh            only the demo catalog
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source scripts/lib/desktop-session.sh
@@ -98,8 +100,11 @@ measure_launch() {
     sleep 1
     xdotool key ctrl+m
     xdotool search --sync --onlyvisible --name '^Orvane$' >/dev/null
-    xdotool type --delay 60 cat
-    sleep 1 # the visible thumbnails arrive
+    for query in ${QUERIES:-cat}; do
+        xdotool key ctrl+a
+        xdotool type --delay 60 "$query"
+        sleep 1 # the visible thumbnails arrive
+    done
     xdotool key Escape
     wait_idle "$pid"
     print_memory "$pid" "$label"
@@ -120,7 +125,7 @@ measure_launch() {
 }
 
 # Stress last: launch → searchable reads its index from the data folder the launches leave.
-for catalog in demo stress; do
+for catalog in ${CATALOGS:-demo stress}; do
     rm -rf "$work/data" "$work/cache" "$work/config" "$work/state"
     mkdir -p "$work/config/Glimmet"
     [[ $catalog == stress ]] && echo '{"stressIndex": true}' >"$work/config/Glimmet/settings.json"
@@ -140,7 +145,7 @@ whole_process() { # median of 5 runs of orvane with the arguments given, in ms
     echo "$(printf '%s\n' "${times[@]}" | sort -n | sed -n 3p) ms (${times[*]})"
 }
 # Waits for the server's answer too, as the command's output depends on it.
-echo "orvane --query cat, stress catalog on disk, whole process: median $(whole_process --query cat)"
+echo "orvane --query cat, last catalog on disk, whole process: median $(whole_process --query cat)"
 if build/dev/src/app/orvane --help | grep -q -- --startup-bench; then
     build/dev/src/app/orvane --startup-bench
     echo "orvane --startup-bench, whole process: median $(whole_process --startup-bench)"

@@ -9,6 +9,7 @@
 #include <QFileInfo>
 #include <QImageReader>
 #include <QNetworkReply>
+#include <algorithm>
 
 namespace {
 // The file name's suffix may lie (or be missing); the content decides the format.
@@ -90,6 +91,12 @@ void ThumbnailCache::thumbnail(const Meme& meme, Completion done) {
             },
             Qt::QueuedConnection);
     });
+}
+
+void ThumbnailCache::keepRecent(int count) {
+    // Lowering the limit drops the least recently asked for; raising it again drops nothing.
+    m_memory.setMaxCost(std::min(count, memoryLimit));
+    m_memory.setMaxCost(memoryLimit);
 }
 
 void ThumbnailCache::fetch(const QString& name, const QUrl& url) {
