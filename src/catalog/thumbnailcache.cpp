@@ -17,7 +17,13 @@ std::optional<QImage> decode(QIODevice* device) {
     QImageReader reader(device);
     reader.setDecideFormatFromContent(true);
     QImage image = reader.read();
-    return image.isNull() ? std::nullopt : std::optional(std::move(image));
+    if (image.isNull())
+        return std::nullopt;
+    // The format pixmaps are painted from: a pixmap made of this image shares its pixels
+    // instead of holding a converted copy of its own.
+    image.convertTo(image.hasAlphaChannel() ? QImage::Format_ARGB32_Premultiplied
+                                            : QImage::Format_RGB32);
+    return image;
 }
 
 std::optional<QImage> decodeFile(const QString& path) {
