@@ -13,8 +13,6 @@ CommandLine CommandLine::parse(const QStringList& arguments) {
             cl.bench = true;
         } else if (a == QLatin1String("--startup-bench")) {
             cl.startupBench = true;
-        } else if (a == QLatin1String("--bench-prefetch")) {
-            cl.benchPrefetch = true;
         } else if (a == QLatin1String("--usage-test")) {
             cl.usageTest = true;
         } else if (a == QLatin1String("--delete-data-test")) {
@@ -43,9 +41,7 @@ CommandLine CommandLine::parse(const QStringList& arguments) {
 QString usageText() {
     return QStringLiteral(
         "Usage: orvane [--show]\n"
-        "       orvane --print-config | --query TEXT | --bench | --startup-bench | "
-        "--bench-prefetch\n"
-        "       orvane --usage-test\n"
+        "       orvane --print-config | --query TEXT | --bench | --startup-bench | --usage-test\n"
         "       orvane --caption-test | --render-caption IN TOP BOTTOM OUT.jpg\n"
         "       orvane --delete-data-test\n"
         "\n"
@@ -57,7 +53,6 @@ QString usageText() {
         "  --query TEXT      print the ranked results for TEXT\n"
         "  --bench           time per-keystroke searches of the rankers\n"
         "  --startup-bench   time a launch until a query is answered from the disk catalog\n"
-        "  --bench-prefetch  time image downloads against naive prefetching\n"
         "  --usage-test      self-check of recents, most used and clearing\n"
         "  --caption-test    self-check of the caption editor and renderer\n"
         "  --render-caption  draw TOP and BOTTOM on the image IN, write OUT.jpg\n"

@@ -10,7 +10,6 @@ struct CommandLine {
     bool show = false;
     bool bench = false;
     bool startupBench = false;
-    bool benchPrefetch = false;
     bool usageTest = false;
     bool captionTest = false;
     bool deleteDataTest = false;
@@ -26,8 +25,8 @@ struct CommandLine {
     static CommandLine parse(const QStringList& arguments);
     // True when the mode prints and exits, so no display is needed.
     bool isOneShot() const {
-        return printConfig || hasQuery || bench || startupBench || benchPrefetch || usageTest ||
-               deleteDataTest || needsFonts();
+        return printConfig || hasQuery || bench || startupBench || usageTest || deleteDataTest ||
+               needsFonts();
     }
     // One-shot modes that draw text, so they need a GUI application (any platform will do).
     bool needsFonts() const { return captionTest || !renderCaption.isEmpty(); }
