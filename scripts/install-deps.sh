@@ -11,6 +11,8 @@ packages=(
     # orvane-server's hybrid search reads WordNet's database; scripts/measure-search.sh loads
     # the server with wrk.
     wordnet-base wrk
+    # scripts/measure-footprint.sh --heaptrack: the idle heap by call site.
+    heaptrack
     # orvane-server's tagging reads the text on pictures with Tesseract and its English model.
     libtesseract-dev tesseract-ocr-eng
     # The user's own emoji: their Unicode names and properties from ICU, their pictures drawn

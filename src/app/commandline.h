@@ -9,7 +9,7 @@ struct CommandLine {
     bool printConfig = false;
     bool show = false;
     bool bench = false;
-    bool benchPrefetch = false;
+    bool startupBench = false;
     bool usageTest = false;
     bool captionTest = false;
     bool deleteDataTest = false;
@@ -27,7 +27,7 @@ struct CommandLine {
     static CommandLine parse(const QStringList& arguments);
     // True when the mode prints and exits, so no display is needed.
     bool isOneShot() const {
-        return printConfig || hasQuery || hasCollectionQuery || bench || benchPrefetch ||
+        return printConfig || hasQuery || hasCollectionQuery || bench || startupBench ||
                usageTest || deleteDataTest || needsFonts();
     }
     // One-shot modes that draw text, so they need a GUI application (any platform will do).

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "app/appdelegate.h"
 #include "app/benchcommand.h"
-#include "app/benchprefetch.h"
 #include "app/captioncommands.h"
 #include "app/collectionsearchcommand.h"
 #include "app/commandline.h"
@@ -9,7 +8,9 @@
 #include "app/querycommand.h"
 #include "app/quitsignals.h"
 #include "app/singleinstance.h"
+#include "app/startupbench.h"
 #include "app/usagetest.h"
+#include "base/memorytrim.h"
 #include "buildinfo.h"
 
 #include <QApplication>
@@ -19,12 +20,12 @@
 
 namespace {
 
-int runOneShot(const CommandLine& cl) {
+int runOneShot(const CommandLine& cl, std::chrono::steady_clock::time_point launched) {
     QTextStream out(stdout);
     if (cl.bench)
         return runRankingBench(out);
-    if (cl.benchPrefetch)
-        return runPrefetchBench(out);
+    if (cl.startupBench)
+        return runStartupBench(out, launched);
     if (cl.usageTest)
         return runUsageTest(out);
     if (cl.captionTest)
@@ -48,6 +49,8 @@ int runOneShot(const CommandLine& cl) {
 } // namespace
 
 int main(int argc, char** argv) {
+    const auto launched = std::chrono::steady_clock::now();
+    MemoryTrim::limitArenas();
     QStringList arguments;
     for (int i = 0; i < argc; ++i)
         arguments.append(QString::fromLocal8Bit(argv[i]));
@@ -72,13 +75,13 @@ int main(int argc, char** argv) {
             qputenv("QT_QPA_PLATFORM", "offscreen");
         QGuiApplication app(argc, argv);
         QGuiApplication::setApplicationName(QStringLiteral("Orvane"));
-        return runOneShot(cl);
+        return runOneShot(cl, launched);
     }
     if (cl.isOneShot()) {
         // One-shot modes run without a GUI platform, so they work over SSH and in CI.
         QCoreApplication app(argc, argv);
         QCoreApplication::setApplicationName(QStringLiteral("Orvane"));
-        return runOneShot(cl);
+        return runOneShot(cl, launched);
     }
 
     QApplication app(argc, argv);

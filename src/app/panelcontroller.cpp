@@ -3,8 +3,10 @@
 
 #include "base/background.h"
 #include "base/logcategories.h"
+#include "base/memorytrim.h"
 #include "catalog/debugflags.h"
 #include "catalog/memestore.h"
+#include "catalog/thumbnailcache.h"
 #include "insert/captionfile.h"
 #include "insert/dragsource.h"
 #include "insert/paster.h"
@@ -23,6 +25,13 @@
 #include <QGuiApplication>
 #include <QTimer>
 #include <QWindow>
+
+namespace {
+
+// Two pages of results.
+constexpr int thumbnailsKeptHidden = 2 * PickerModel::pageSize;
+
+} // namespace
 
 PanelController::PanelController(PickerModel& model, MemeStore& store, ThumbnailCache* thumbnails,
                                  UserData& userData, QObject* parent)
@@ -44,6 +53,13 @@ PanelController::PanelController(PickerModel& model, MemeStore& store, Thumbnail
     connect(&m_model, &PickerModel::captionInsertRequested, this,
             &PanelController::insertCaptioned);
     connect(m_panel.get(), &PickerPanel::dismissed, this, &PanelController::cancelWaitingInsert);
+    connect(m_panel.get(), &PickerPanel::dismissed, this, [thumbnails] {
+        // What the panel shows first when it opens again stays decoded; a day of searches
+        // would otherwise keep hundreds of thumbnails decoded while the panel is hidden.
+        if (thumbnails)
+            thumbnails->keepRecent(thumbnailsKeptHidden);
+        MemoryTrim::soon();
+    });
     connectDrags();
     connect(&m_store, &MemeStore::downloadProgress, this,
             [this](const QString& id, qint64 received, qint64 total) {

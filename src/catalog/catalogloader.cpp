@@ -5,6 +5,7 @@
 #include "base/atomicfile.h"
 #include "base/background.h"
 #include "base/logcategories.h"
+#include "base/memorytrim.h"
 #include "catalog/catalogfetcher.h"
 #include "catalog/debugflags.h"
 #include "search/localindex.h"
@@ -31,7 +32,10 @@ struct CollectionsBuild {
 } // namespace
 
 CatalogLoader::CatalogLoader(CatalogFetcher* fetcher, QString dataDir, QObject* parent)
-    : QObject(parent), m_fetcher(fetcher), m_dataDir(std::move(dataDir)) {}
+    : QObject(parent), m_fetcher(fetcher), m_dataDir(std::move(dataDir)) {
+    // A server answer, used or not, leaves a decoded document's worth of freed memory behind.
+    connect(this, &CatalogLoader::serverCheckDone, this, [] { MemoryTrim::soon(); });
+}
 
 CatalogLoader::~CatalogLoader() = default;
 
@@ -49,13 +53,18 @@ bool CatalogLoader::reloadIndex() {
         qCWarning(lcCatalog) << "could not open local index";
         return false;
     }
+    // The keystroke path's tables are read on the other core while this one decodes the items.
+    index->readMirrorAhead();
     const std::optional<QString> storedSignature = index->storedSignature();
     const std::optional<MemeList> cached = index->loadCached();
     const bool hasCatalog = cached && !cached->isEmpty();
     if (hasCatalog) {
         publishFromDisk(index, *cached, stress);
         // Reads the keystroke path's in-memory tables now, so the first keystroke does not.
-        QThreadPool::globalInstance()->start([index] { index->prepareFastPath(); });
+        QThreadPool::globalInstance()->start([index] {
+            index->prepareFastPath();
+            MemoryTrim::soon();
+        });
     }
 
     m_fetcher->loadIndex(

@@ -9,6 +9,7 @@
 #include <QFileInfo>
 #include <QImageReader>
 #include <QNetworkReply>
+#include <algorithm>
 
 namespace {
 // The file name's suffix may lie (or be missing); the content decides the format.
@@ -16,7 +17,13 @@ std::optional<QImage> decode(QIODevice* device) {
     QImageReader reader(device);
     reader.setDecideFormatFromContent(true);
     QImage image = reader.read();
-    return image.isNull() ? std::nullopt : std::optional(std::move(image));
+    if (image.isNull())
+        return std::nullopt;
+    // The format pixmaps are painted from: a pixmap made of this image shares its pixels
+    // instead of holding a converted copy of its own.
+    image.convertTo(image.hasAlphaChannel() ? QImage::Format_ARGB32_Premultiplied
+                                            : QImage::Format_RGB32);
+    return image;
 }
 
 std::optional<QImage> decodeFile(const QString& path) {
@@ -90,6 +97,12 @@ void ThumbnailCache::thumbnail(const Meme& meme, Completion done) {
             },
             Qt::QueuedConnection);
     });
+}
+
+void ThumbnailCache::keepRecent(int count) {
+    // Lowering the limit drops the least recently asked for; raising it again drops nothing.
+    m_memory.setMaxCost(std::min(count, memoryLimit));
+    m_memory.setMaxCost(memoryLimit);
 }
 
 void ThumbnailCache::fetch(const QString& name, const QUrl& url) {

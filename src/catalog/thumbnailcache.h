@@ -34,6 +34,9 @@ public:
     // An empty completion only warms the caches.
     void thumbnail(const Meme& meme, Completion done);
     int memoryCount() const { return int(m_memory.count()); }
+    // Keeps only the `count` images asked for last in memory; the others are read from the
+    // thumbnail folder again when next asked for.
+    void keepRecent(int count);
 
 private:
     void fetch(const QString& name, const QUrl& url);

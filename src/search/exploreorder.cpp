@@ -41,16 +41,12 @@ bool ExploreOrder::codePointLess(const QString& a, const QString& b) {
     return a.size() < b.size();
 }
 
-const MemeList& ExploreOrder::order(const QHash<QString, Meme>& byID, std::int64_t day) {
+const QStringList& ExploreOrder::order(const QHash<QString, Meme>& byID, std::int64_t day) {
     if (day == m_day && m_explore.size() == byID.size())
         return m_explore;
     m_day = day;
-    MemeList base;
-    base.reserve(byID.size());
-    for (const Meme& meme : byID)
-        base.append(meme);
-    std::stable_sort(base.begin(), base.end(),
-                     [](const Meme& a, const Meme& b) { return codePointLess(a.id, b.id); });
+    QStringList base(byID.keyBegin(), byID.keyEnd());
+    std::sort(base.begin(), base.end(), codePointLess);
     m_explore = shuffled(std::move(base), std::uint64_t(day));
     return m_explore;
 }

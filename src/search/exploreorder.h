@@ -42,16 +42,17 @@ public:
     // Today's number in local time, so the mix changes at local midnight.
     static std::int64_t today();
 
-    // The catalog sorted by id (code point order), then shuffled with the day as seed.
-    // Recomputed only when the day or the catalog's size changed since the last call.
-    const MemeList& order(const QHash<QString, Meme>& byID, std::int64_t day);
-    const MemeList& order(const QHash<QString, Meme>& byID) { return order(byID, today()); }
+    // The catalog's ids sorted in code point order, then shuffled with the day as seed.
+    // Recomputed only when the day or the catalog's size changed since the last call. Ids,
+    // not items: a second copy of every item would cost as much as the catalog itself.
+    const QStringList& order(const QHash<QString, Meme>& byID, std::int64_t day);
+    const QStringList& order(const QHash<QString, Meme>& byID) { return order(byID, today()); }
 
     // Whether `a` sorts before `b` by Unicode code points (UTF-16 order differs above the
     // surrogates).
     static bool codePointLess(const QString& a, const QString& b);
 
 private:
-    MemeList m_explore;
+    QStringList m_explore;
     std::int64_t m_day = -1;
 };

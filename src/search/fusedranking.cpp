@@ -25,12 +25,13 @@ MemeList browse(const Inputs& in) {
     }
     if (out.size() >= in.window || !in.exploreOrder)
         return out;
-    for (const Meme& meme : in.exploreOrder()) {
+    for (const QString& id : in.exploreOrder()) {
         if (out.size() >= in.window)
             break;
-        if (!taken.contains(meme.id)) {
-            taken.insert(meme.id);
-            out.append(meme);
+        const auto found = in.byID.constFind(id);
+        if (found != in.byID.constEnd() && !taken.contains(id)) {
+            taken.insert(id);
+            out.append(*found);
         }
     }
     return out;

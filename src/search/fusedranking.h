@@ -33,8 +33,8 @@ struct Inputs {
     const UserData& userData;
     // The published favourite ids (for the boost).
     const QSet<QString>& favorites;
-    // The day's mix of the whole catalog; only called for a query without words.
-    std::function<const MemeList&()> exploreOrder;
+    // The day's mix of the whole catalog's ids; only called for a query without words.
+    std::function<const QStringList&()> exploreOrder;
 };
 
 // At most `window` ranked items for a query with words. Without words: every known

@@ -216,6 +216,7 @@ void LocalIndex::rebuild(const MemeList& memes, const QString& signature) {
             }
         }
         m_mirrorChanged.notify_all();
+        releaseCache();
         guard.unlock();
         checkpoint();
     });
@@ -372,23 +373,43 @@ std::unique_ptr<FtsMirror> LocalIndex::mirrorOf(const MemeList& memes,
 }
 
 std::optional<MemeList> LocalIndex::loadCached() {
-    std::lock_guard guard(m_lock);
-    MemeList memes;
+    std::vector<QByteArray> rows;
     {
-        Statement select(m_db, QStringLiteral("SELECT json FROM memes"));
-        if (!select)
-            return std::nullopt;
-        while (sqlite3_step(select.get()) == SQLITE_ROW) {
-            if (sqlite3_column_type(select.get(), 0) == SQLITE_NULL)
-                continue;
-            const auto* bytes = static_cast<const char*>(sqlite3_column_blob(select.get(), 0));
-            const int size = sqlite3_column_bytes(select.get(), 0);
-            const nlohmann::json doc =
-                nlohmann::json::parse(bytes, bytes + size, nullptr, /*allow_exceptions=*/false);
-            if (auto meme = CatalogJson::decodeMeme(doc))
-                memes.append(std::move(*meme));
+        std::lock_guard guard(m_lock);
+        {
+            Statement select(m_db, QStringLiteral("SELECT json FROM memes"));
+            if (!select)
+                return std::nullopt;
+            while (sqlite3_step(select.get()) == SQLITE_ROW) {
+                if (sqlite3_column_type(select.get(), 0) == SQLITE_NULL)
+                    continue;
+                const auto* bytes = static_cast<const char*>(sqlite3_column_blob(select.get(), 0));
+                rows.emplace_back(bytes, sqlite3_column_bytes(select.get(), 0));
+            }
         }
+        releaseCache();
     }
+
+    // Decoding is most of a launch: the second core takes half of the rows.
+    std::vector<std::optional<Meme>> decoded(rows.size());
+    const auto decode = [&rows, &decoded](std::size_t from, std::size_t to) {
+        for (std::size_t i = from; i < to; ++i) {
+            const nlohmann::json doc = nlohmann::json::parse(rows[i].cbegin(), rows[i].cend(),
+                                                             nullptr, /*allow_exceptions=*/false);
+            decoded[i] = CatalogJson::decodeMeme(doc);
+            rows[i] = QByteArray();
+        }
+    };
+    const std::size_t half = rows.size() / 2;
+    std::thread helper(decode, half, rows.size());
+    decode(0, half);
+    helper.join();
+
+    MemeList memes;
+    memes.reserve(qsizetype(decoded.size()));
+    for (std::optional<Meme>& meme : decoded)
+        if (meme)
+            memes.append(std::move(*meme));
     if (memes.isEmpty())
         return std::nullopt;
     return memes;
@@ -537,9 +558,40 @@ bool LocalIndex::mirrorIsCurrent() {
 void LocalIndex::ensureMirror() {
     if (!m_tokenizer)
         return;
+    if (m_ahead.valid()) {
+        Ahead ahead = m_ahead.get();
+        if (ahead.mirror && ahead.changes == sqlite3_total_changes64(m_db) &&
+            ahead.dataVersion == dataVersion()) {
+            m_mirror = std::move(ahead.mirror);
+            m_mirrorFailed = false;
+            m_mirrorChanges = ahead.changes;
+            m_mirrorDataVersion = ahead.dataVersion;
+        }
+    }
     if ((m_mirror || m_mirrorFailed) && mirrorIsCurrent())
         return;
     buildMirror();
+    releaseCache();
+}
+
+void LocalIndex::readMirrorAhead() {
+    std::lock_guard guard(m_lock);
+    std::lock_guard mirrorGuard(m_mirrorLock);
+    if (!m_tokenizer || m_ahead.valid() || ((m_mirror || m_mirrorFailed) && mirrorIsCurrent()))
+        return;
+    const std::int64_t changes = sqlite3_total_changes64(m_db);
+    const std::int64_t version = dataVersion();
+    m_ahead = std::async(std::launch::async, [path = m_path.toUtf8(), changes, version] {
+        Ahead ahead{nullptr, changes, version};
+        sqlite3* db = nullptr;
+        // Its read begins after the stamp: should anything commit in between, the stamp no
+        // longer matches and the mirror is not used.
+        if (sqlite3_open_v2(path.constData(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK)
+            if (const auto tokenizer = FtsTokenizer::create(db))
+                ahead.mirror = mirrorOfTable(db, *tokenizer);
+        sqlite3_close(db);
+        return ahead;
+    });
 }
 
 void LocalIndex::buildMirror() {
@@ -549,20 +601,25 @@ void LocalIndex::buildMirror() {
     m_mirrorDataVersion = dataVersion();
     if (!m_tokenizer)
         return;
+    m_mirror = mirrorOfTable(m_db, *m_tokenizer);
+    m_mirrorFailed = !m_mirror;
+}
+
+std::unique_ptr<FtsMirror> LocalIndex::mirrorOfTable(sqlite3* db, const FtsTokenizer& tokenizer) {
     const QString sql = QStringLiteral(
         "SELECT rowid, ocr_text, template, keywords, use_cases, emotions, description, id, "
         "CAST(popularity AS INTEGER) FROM fts");
-    Statement select(m_db, sql);
+    Statement select(db, sql);
     if (!select)
-        return;
+        return nullptr;
     sqlite3_stmt* stmt = select.get();
-    FtsMirror::Builder builder(*m_tokenizer);
+    FtsMirror::Builder builder(tokenizer);
     int rc = SQLITE_ROW;
     while ((rc = sqlite3_step(stmt)) == SQLITE_ROW) {
         // A NULL id or popularity sorts in ways the mirror does not model: leave it to SQL.
         if (sqlite3_column_type(stmt, 7) == SQLITE_NULL ||
             sqlite3_column_type(stmt, 8) == SQLITE_NULL)
-            return;
+            return nullptr;
         const std::array<std::string_view, FtsMirror::columnCount> columns{
             columnText(stmt, 1), columnText(stmt, 2), columnText(stmt, 3),
             columnText(stmt, 4), columnText(stmt, 5), columnText(stmt, 6)};
@@ -570,12 +627,17 @@ void LocalIndex::buildMirror() {
         if (!builder.addRow(sqlite3_column_int64(stmt, 0),
                             QString::fromUtf8(id.data(), qsizetype(id.size())),
                             sqlite3_column_int64(stmt, 8), columns))
-            return;
+            return nullptr;
     }
     if (rc != SQLITE_DONE) {
-        logFailure(m_db, sql);
-        return;
+        logFailure(db, sql);
+        return nullptr;
     }
-    m_mirror = builder.finish();
-    m_mirrorFailed = !m_mirror;
+    return builder.finish();
+}
+
+void LocalIndex::releaseCache() {
+    // Keystrokes are answered from the mirror; the pages a load or a rebuild read would only
+    // sit in the cache all day. SQL reads them again should it ever need them.
+    sqlite3_db_release_memory(m_db);
 }

@@ -9,6 +9,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -76,6 +77,11 @@ public:
     // leaves it ready; a file opened with content does not have it yet). Call it off the GUI
     // thread after loadCached() so the first keystroke does not pay for it. Takes the lock.
     void prepareFastPath();
+    // Starts reading the mirror on a thread and connection of its own, so that loadCached()
+    // on this one runs meanwhile on the other core. The next prepareFastPath() or search()
+    // takes it, unless the table was written since this call; then it reads the table
+    // again. Takes the lock briefly.
+    void readMirrorAhead();
     // search() for an index that is no longer rebuilt (one per catalog version, as the server
     // keeps them): once its in-memory mirror is read, any number of threads search it at once
     // without the lock. What the mirror cannot answer goes to SQL under the lock.
@@ -110,11 +116,15 @@ private:
     bool emptyFts();
     static std::unique_ptr<FtsMirror> mirrorOf(const MemeList& memes,
                                                const FtsTokenizer& tokenizer);
+    // The mirror of the fts table as `db` sees it; nullptr when a row cannot be mirrored.
+    static std::unique_ptr<FtsMirror> mirrorOfTable(sqlite3* db, const FtsTokenizer& tokenizer);
     void ensureMirror();
     void buildMirror();
     bool mirrorIsCurrent();
     std::int64_t dataVersion();
     void checkpoint();
+    // Frees the connection's page cache. The caller holds m_lock.
+    void releaseCache();
 
     sqlite3* m_db = nullptr;
     QString m_path;
@@ -141,6 +151,14 @@ private:
     // The writing thread holds m_lock and m_mirror (when set) is the catalog being committed.
     bool m_committing = false;
     std::atomic<bool> m_lastSearchFast = false;
+    // readMirrorAhead()'s mirror, with the connection's state when it was asked for; taken
+    // under m_lock and m_mirrorLock.
+    struct Ahead {
+        std::unique_ptr<FtsMirror> mirror;
+        std::int64_t changes = -1;
+        std::int64_t dataVersion = -1;
+    };
+    std::future<Ahead> m_ahead;
     std::once_flag m_sharedMirrorRead;
 
     // One rebuild at a time; each joins the previous writing thread before starting its own.

@@ -190,7 +190,7 @@ void PickerModel::loadMoreIfNeeded(int index) {
 }
 
 MemeList PickerModel::rank(const QString& text) {
-    const auto explore = [this]() -> const MemeList& { return m_explore.order(m_byID); };
+    const auto explore = [this]() -> const QStringList& { return m_explore.order(m_byID); };
     const FusedRanking::Inputs inputs{*m_index,    m_byID,      m_window,
                                       *m_userData, m_favorites, explore};
     MemeList ranked = FusedRanking::rank(text, inputs);

@@ -103,12 +103,15 @@ QPixmap ResultsGridModel::thumbnailFor(const Meme& meme) const {
         auto* model = const_cast<ResultsGridModel*>(self.data());
         model->m_pending.remove(id);
         if (image)
-            model->m_pixmaps.insert(id, new QPixmap(QPixmap::fromImage(*image)));
+            model->m_pixmaps.insert(id, new QPixmap(QPixmap::fromImage(std::move(*image))));
         else
             model->m_missing.insert(id);
         // The list may have changed while the image was on its way: find the cell anew.
         model->emitChangedFor(id, {Qt::DecorationRole, LoadingRole});
     });
+    // A thumbnail still decoded in the cache arrives at once: paint it now.
+    if (const QPixmap* arrived = m_pixmaps.object(id))
+        return *arrived;
     return {};
 }
 

@@ -46,7 +46,9 @@ private:
 
     PickerModel& m_picker;
     ThumbnailCache* m_thumbnails;
-    mutable QCache<QString, QPixmap> m_pixmaps{400};
+    // Two pages of cells; the thumbnail cache behind it keeps more, and its pixmaps share
+    // their pixels with it.
+    mutable QCache<QString, QPixmap> m_pixmaps{120};
     mutable QSet<QString> m_pending;
     mutable QSet<QString> m_missing;
     QString m_insertId;

@@ -64,6 +64,7 @@ public:
         m_process.waitForFinished(5000);
     }
     const QString& url() const { return m_url; }
+    QString root() const { return m_root.path(); }
 
 private:
     QTemporaryDir m_root;
@@ -145,6 +146,44 @@ TEST(CommandLine, CaptionSwitchesWorkWithoutADisplay) {
                {});
     EXPECT_EQ(r.exitCode, 1);
     EXPECT_TRUE(r.err.contains(QLatin1String("orvane: cannot read "))) << r.err.toStdString();
+}
+
+// Launch → searchable is timed on the catalog an earlier run left on disk, never the server.
+TEST(CommandLine, StartupBenchAnswersFromTheCatalogOnDisk) {
+    const Server server;
+    ASSERT_FALSE(server.url().isEmpty());
+    QFile index(server.root() + QStringLiteral("/index.json"));
+    ASSERT_TRUE(index.open(QIODevice::WriteOnly));
+    QByteArray records = "[";
+    for (const char* words : {"a cat", "a dog", "the cat sat"})
+        records += QByteArray(records.size() > 1 ? "," : "") + R"({"id":")" + words +
+                   R"(","template":"","ocr_text":"","description":")" + words +
+                   R"(","emotions":[],"use_cases":[],"keywords":[],"thumb":"/t/1.webp",)"
+                   R"("full":"/f/1.jpg","width":10,"height":10,"bytes":1})";
+    index.write(records + "]");
+    index.close();
+    QTemporaryDir data;
+    const QHash<QString, QString> unreachable{
+        {QStringLiteral("MEME_SERVER"), QStringLiteral("http://127.0.0.1:9/")},
+        {QStringLiteral("XDG_DATA_HOME"), data.path()}};
+
+    OrvaneRun r = orvane({QStringLiteral("--startup-bench")}, unreachable);
+    EXPECT_EQ(r.exitCode, 1);
+    EXPECT_EQ(r.out, QStringLiteral("startup-bench: no catalog on disk yet; run orvane once with "
+                                    "the server up\n"));
+
+    r = orvane({QStringLiteral("--query"), QStringLiteral("cat")},
+               {{QStringLiteral("MEME_SERVER"), server.url()},
+                {QStringLiteral("XDG_DATA_HOME"), data.path()}});
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
+    r = orvane({QStringLiteral("--startup-bench")}, unreachable);
+    EXPECT_EQ(r.exitCode, 0) << r.err.toStdString();
+    const QStringList lines = r.out.split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    ASSERT_EQ(lines.size(), 3) << r.out.toStdString();
+    EXPECT_EQ(lines[0], QStringLiteral("startup-bench: 3 items on disk, 2 results for \"cat\" "
+                                       "from memory"));
+    EXPECT_TRUE(lines[2].startsWith(QLatin1String("startup-bench: launch to searchable ")))
+        << lines[2].toStdString();
 }
 
 TEST(CommandLine, DeleteDataTestAsksTheServerAndSaysWhatCameOfIt) {

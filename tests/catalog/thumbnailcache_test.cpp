@@ -65,6 +65,27 @@ TEST(ThumbnailCache, OneFetchPerNameThenMemoryThenDisk) {
     EXPECT_EQ(rig.server.requests("t/cat.png"), 2);
 }
 
+TEST(ThumbnailCache, KeepsTheMostRecentlyAskedForWhenTold) {
+    ImageCacheRig rig;
+    MemeStore store(rig.options());
+    ThumbnailCache thumbs(store);
+    QList<Meme> items;
+    for (const char* name : {"a", "b", "c"}) {
+        rig.server.put(QStringLiteral("t/%1.png").arg(name), Answer{200, encoded("PNG")});
+        items.append(imageItem(name, "f/x.jpg", 0, QStringLiteral("t/%1.png").arg(name)));
+        ASSERT_TRUE(answered(ask(thumbs, items.back())));
+    }
+    ASSERT_TRUE(ask(thumbs, items[0])->called) << "a, asked for again, is the most recent";
+    thumbs.keepRecent(1);
+    EXPECT_EQ(thumbs.memoryCount(), 1);
+    EXPECT_TRUE(ask(thumbs, items[0])->called) << "kept: answered at once";
+    const auto dropped = ask(thumbs, items[2]);
+    EXPECT_FALSE(dropped->called) << "read from the folder again";
+    ASSERT_TRUE(answered(dropped));
+    EXPECT_TRUE(dropped->image);
+    EXPECT_EQ(thumbs.memoryCount(), 2) << "the limit is back to normal";
+}
+
 TEST(ThumbnailCache, BadAnswersGiveNothingAndLeaveNoFile) {
     ImageCacheRig rig;
     rig.server.put("t/empty.png", Answer{});

@@ -124,4 +124,24 @@ TEST(FtsMirror, FollowsTheTableThroughRebuildsReopeningAndOutsideWrites) {
     // rebuild() returns before the commit; this connection sees the write once it is in.
     other->waitUntilCommitted();
     EXPECT_TRUE(sameAsPlainQuery(*reopened, queries, {60, 180}));
+
+    // A mirror read ahead on a connection of its own answers, unless the table changed
+    // after it was asked for: through this connection, or through another one.
+    for (const bool writeHere : {false, true}) {
+        auto launched = LocalIndex::open(path);
+        ASSERT_TRUE(launched);
+        launched->readMirrorAhead();
+        if (writeHere) {
+            ASSERT_TRUE(launched->exec(QStringLiteral("DELETE FROM fts WHERE rowid % 2 = 0")));
+        } else {
+            other->rebuild(SyntheticCatalog::generate(600, 5), QString(64, QLatin1Char('5')));
+            other->waitUntilCommitted();
+        }
+        EXPECT_TRUE(sameAsPlainQuery(*launched, queries, {60})) << "written here: " << writeHere;
+    }
+    auto unchanged = LocalIndex::open(path);
+    ASSERT_TRUE(unchanged);
+    unchanged->readMirrorAhead();
+    EXPECT_TRUE(sameAsPlainQuery(*unchanged, queries, {60}));
+    EXPECT_TRUE(unchanged->lastSearchWasFast());
 }

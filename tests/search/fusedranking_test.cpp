@@ -22,7 +22,7 @@ struct Fixture {
     MemeList rank(const QString& query, int window = 60) {
         const FusedRanking::Inputs inputs{
             *index,   byID,      window,
-            userData, favorites, [this]() -> const MemeList& { return explore; }};
+            userData, favorites, [this]() -> const QStringList& { return explore; }};
         return FusedRanking::rank(query, inputs);
     }
 
@@ -31,7 +31,7 @@ struct Fixture {
     std::unique_ptr<LocalIndex> index;
     UserData userData;
     QSet<QString> favorites;
-    MemeList explore;
+    QStringList explore;
 };
 
 } // namespace
@@ -72,9 +72,9 @@ TEST(FusedRanking, EmptyQueryListsFavouritesRecentsThenTheDaysMix) {
 
     const QStringList head = ids({"i8", "i5", "i3"});
     QStringList want = head;
-    for (const Meme& m : f.explore)
-        if (!want.contains(m.id) && want.size() < 6)
-            want.append(m.id);
+    for (const QString& id : f.explore)
+        if (!want.contains(id) && want.size() < 6)
+            want.append(id);
     EXPECT_EQ(idsOf(f.rank(QStringLiteral("  ?! "), 6)), want);
     EXPECT_EQ(f.rank(QString(), 60).size(), 10) << "each item once, the whole catalog";
     // More favourites and recents than the window: all of them, and nothing else.
