@@ -13,6 +13,8 @@ CommandLine CommandLine::parse(const QStringList& arguments) {
             cl.bench = true;
         } else if (a == QLatin1String("--startup-bench")) {
             cl.startupBench = true;
+        } else if (a == QLatin1String("--bench-prefetch")) {
+            cl.benchPrefetch = true;
         } else if (a == QLatin1String("--usage-test")) {
             cl.usageTest = true;
         } else if (a == QLatin1String("--delete-data-test")) {
@@ -45,7 +47,7 @@ QString usageText() {
     return QStringLiteral(
         "Usage: orvane [--show]\n"
         "       orvane --print-config | --query TEXT | --search-collections TEXT\n"
-        "       orvane --bench | --startup-bench | --usage-test\n"
+        "       orvane --bench | --startup-bench | --bench-prefetch | --usage-test\n"
         "       orvane --caption-test | --render-caption IN TOP BOTTOM OUT.jpg\n"
         "       orvane --delete-data-test\n"
         "\n"
@@ -59,6 +61,7 @@ QString usageText() {
         "                    print the collections the Collections tab shows for TEXT\n"
         "  --bench           time per-keystroke searches of the rankers\n"
         "  --startup-bench   time a launch until a query is answered from the disk catalog\n"
+        "  --bench-prefetch  time image downloads against naive prefetching\n"
         "  --usage-test      self-check of recents, most used and clearing\n"
         "  --caption-test    self-check of the caption editor and renderer\n"
         "  --render-caption  draw TOP and BOTTOM on the image IN, write OUT.jpg\n"

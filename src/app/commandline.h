@@ -10,6 +10,7 @@ struct CommandLine {
     bool show = false;
     bool bench = false;
     bool startupBench = false;
+    bool benchPrefetch = false;
     bool usageTest = false;
     bool captionTest = false;
     bool deleteDataTest = false;
@@ -28,7 +29,7 @@ struct CommandLine {
     // True when the mode prints and exits, so no display is needed.
     bool isOneShot() const {
         return printConfig || hasQuery || hasCollectionQuery || bench || startupBench ||
-               usageTest || deleteDataTest || needsFonts();
+               benchPrefetch || usageTest || deleteDataTest || needsFonts();
     }
     // One-shot modes that draw text, so they need a GUI application (any platform will do).
     bool needsFonts() const { return captionTest || !renderCaption.isEmpty(); }

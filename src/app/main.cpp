@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "app/appdelegate.h"
 #include "app/benchcommand.h"
+#include "app/benchprefetch.h"
 #include "app/captioncommands.h"
 #include "app/collectionsearchcommand.h"
 #include "app/commandline.h"
@@ -26,6 +27,8 @@ int runOneShot(const CommandLine& cl, std::chrono::steady_clock::time_point laun
         return runRankingBench(out);
     if (cl.startupBench)
         return runStartupBench(out, launched);
+    if (cl.benchPrefetch)
+        return runPrefetchBench(out);
     if (cl.usageTest)
         return runUsageTest(out);
     if (cl.captionTest)

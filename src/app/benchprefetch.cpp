@@ -1,12 +1,9 @@
 // SPDX-License-Identifier: MIT
-// orvane-prefetch-bench: replays the same key presses (Down through the results, then Enter)
-// against a local server whose bandwidth is throttled, once with the image scheduler and once
-// with a dozen unprioritised parallel prefetches, and prints "bench-prefetch:" lines comparing
-// how long the user waits for the chosen image.
+#include "app/benchprefetch.h"
+
 #include "catalog/memestore.h"
 #include "telemetry/metrics.h"
 
-#include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QTemporaryDir>
@@ -227,10 +224,4 @@ int runPrefetchBench(QTextStream& out) {
         out << "bench-prefetch: median wait 0 ms with the scheduler (image already prefetched)"
             << Qt::endl;
     return ok[0] == trials && ok[1] == trials ? 0 : 1;
-}
-
-int main(int argc, char** argv) {
-    QCoreApplication app(argc, argv);
-    QTextStream out(stdout);
-    return runPrefetchBench(out);
 }
